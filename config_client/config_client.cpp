@@ -1,0 +1,87 @@
+#include "config_client/config_client.h"
+
+#include <ctype.h>
+
+namespace {
+
+void trimRight(std::string& text) {
+  size_t end = text.size();
+  while (end > 0 && isspace(static_cast<unsigned char>(text[end - 1]))) --end;
+  text.erase(end);
+}
+
+void trimLeft(std::string& text) {
+  size_t begin = 0;
+  while (begin < text.size() && isspace(static_cast<unsigned char>(text[begin]))) ++begin;
+  text.erase(0, begin);
+}
+
+void trim(std::string& text) {
+  trimRight(text);
+  trimLeft(text);
+}
+
+// The daemon's protocol has no quoting: a CR, LF or NUL inside a name or
+// value would end the request early and let the rest pass as commands of its
+// own. Such requests are never sent.
+bool framable(const std::string& text) {
+  return text.find_first_of(std::string("\r\n\0", 3)) == std::string::npos;
+}
+
+std::string putRequest(const ParameterPath& name, const std::string& value) {
+  return "put " + name + " " + value;
+}
+
+}  // namespace
+
+ConfigClient::ConfigClient() : connection_(new UdsConnection) {}
+
+ConfigClient::~ConfigClient() = default;
+
+bool ConfigClient::isConnected() const { return connection_ && connection_->isOpen(); }
+
+bool ConfigClient::get(const ParameterPath& name, std::string& value) {
+  if (!connection_ || !framable(name)) return false;
+  bool ok = connection_->execute("ls " + name, value);
+  trim(value);
+  return ok;
+}
+
+bool ConfigClient::put(const ParameterMap& changes, std::string& replies) {
+  if (!connection_) return false;
+  replies.clear();
+  for (const auto& [name, value] : changes) {
+    if (!framable(name) || !framable(value)) {
+      // Refuse the whole batch before anything reaches the daemon, and end
+      // the dialogue as a failed write would.
+      connection_->close();
+      return false;
+    }
+  }
+  for (const auto& [name, value] : changes) {
+    std::string reply;
+    bool ok = connection_->execute(putRequest(name, value), reply);
+    replies += reply;
+    if (!ok) return false;
+  }
+  return true;
+}
+
+bool ConfigClient::put(const ParameterPath& name, const std::string& value, std::string& reply) {
+  if (!connection_ || !framable(name) || !framable(value)) return false;
+  return connection_->execute(putRequest(name, value), reply);
+}
+
+bool ConfigClient::apply(std::string& reply) {
+  if (!connection_) return false;
+  return connection_->execute("apply", reply);
+}
+
+bool ConfigClient::save(std::string& reply) {
+  if (!connection_) return false;
+  return connection_->execute("save", reply);
+}
+
+std::string ConfigClient::statusText() const {
+  return connection_ ? connection_->statusText() : "No socket";
+}

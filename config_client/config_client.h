@@ -1,0 +1,49 @@
+// ConfigClient: the one client of the configuration daemon per request.
+// It turns configuration operations into the daemon's request lines
+// ("ls ", "put ", "apply", "save") over its own UdsConnection, which it
+// opens (connect and greeting) on construction and closes on destruction.
+//
+// Every operation returns false when the exchange with the daemon failed;
+// the daemon's answers themselves, error texts included, are never failures
+// here. After a transport failure the client is spent: every later
+// operation returns false without sending.
+#ifndef TZR_CONFIG_CLIENT_CONFIG_CLIENT_H_
+#define TZR_CONFIG_CLIENT_CONFIG_CLIENT_H_
+
+#include <memory>
+#include <string>
+
+#include "config_client/parameter_map.h"
+#include "config_client/uds_connection.h"
+
+class ConfigClient {
+ public:
+  ConfigClient();
+  ~ConfigClient();
+
+  ConfigClient(const ConfigClient&) = delete;
+  ConfigClient& operator=(const ConfigClient&) = delete;
+
+  bool isConnected() const;
+
+  // "ls NAME". `value` receives the answer trimmed of white space at both
+  // ends (also after a failure, when it keeps its previous contents). A name
+  // the daemon does not hold answers "No such file or directory".
+  bool get(const ParameterPath& name, std::string& value);
+
+  // One "put NAME VALUE" per entry, in the set's order, stopping at the first
+  // failed exchange. `replies` collects the untrimmed answers of every entry
+  // sent. Entries already stored are not taken back.
+  bool put(const ParameterMap& changes, std::string& replies);
+  bool put(const ParameterPath& name, const std::string& value, std::string& reply);
+
+  bool apply(std::string& reply);
+  bool save(std::string& reply);
+
+  std::string statusText() const;
+
+ private:
+  std::unique_ptr<UdsConnection> connection_;
+};
+
+#endif  // TZR_CONFIG_CLIENT_CONFIG_CLIENT_H_
