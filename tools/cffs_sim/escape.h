@@ -1,0 +1,26 @@
+// Byte escaping shared by the tree file, the transcript and --trailer.
+//
+// Escaped text is one line of printable ASCII: backslash, CR, LF and tab
+// become \\ \r \n \t, every other byte below 0x20 and 0x7F becomes \xHH
+// (upper-case hex).  Bytes 0x80 and up pass through unchanged, so UTF-8
+// values stay readable in the file.
+
+#ifndef CFFS_SIM_ESCAPE_H_
+#define CFFS_SIM_ESCAPE_H_
+
+#include <string>
+#include <string_view>
+
+namespace cffs_sim {
+
+std::string Escape(std::string_view raw);
+
+// Inverse of Escape().  Lenient on purpose, because hand-edited files and
+// command lines feed it: \xHH takes upper- or lower-case hex, and a backslash
+// that starts no known escape (or ends the text) is kept as it is, so
+// "C:\dir" survives.  Unescape(Escape(s)) == s for every s.
+std::string Unescape(std::string_view escaped);
+
+}  // namespace cffs_sim
+
+#endif  // CFFS_SIM_ESCAPE_H_

@@ -1,0 +1,93 @@
+#include "cffs_sim/options.h"
+
+#include <charconv>
+#include <climits>
+
+#include "cffs_sim/escape.h"
+
+namespace cffs_sim {
+
+const char kUsage[] =
+    "usage: cffs-sim [--socket PATH] [--config FILE] [--transcript FILE] [--verbose]\n"
+    "                [--no-listen] [--reset-at K] [--hangup-at K]\n"
+    "                [--chunk N] [--chunk-gap-ms MS] [--delay-ms MS] [--trailer TEXT]\n";
+
+namespace {
+
+bool ParseInt(const std::string& text, int min, int* out) {
+  int value = 0;
+  const char* end = text.data() + text.size();
+  auto [ptr, ec] = std::from_chars(text.data(), end, value);
+  if (ec != std::errc() || ptr != end || value < min) return false;
+  *out = value;
+  return true;
+}
+
+}  // namespace
+
+ParseResult ParseOptions(const std::vector<std::string>& args, Options* options,
+                         std::string* error) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& name = args[i];
+    if (name == "--help" || name == "-h") return ParseResult::kHelp;
+    if (name == "--verbose") {
+      options->verbose = true;
+      continue;
+    }
+    if (name == "--no-listen") {
+      options->no_listen = true;
+      continue;
+    }
+    if (i + 1 == args.size()) {
+      *error = name.rfind("--", 0) == 0 ? name + " needs a value" : "unknown argument " + name;
+      return ParseResult::kError;
+    }
+    const std::string& value = args[++i];
+    // Name, smallest accepted value, destination.
+    struct Number {
+      const char* name;
+      int min;
+      int* out;
+    };
+    int chunk = 0;
+    const Number numbers[] = {
+        {"--reset-at", 1, &options->reset_at},
+        {"--hangup-at", 0, &options->hangup_at},
+        {"--chunk", 1, &chunk},
+        {"--chunk-gap-ms", 0, &options->chunk_gap_ms},
+        {"--delay-ms", 0, &options->delay_ms},
+    };
+    bool known = false;
+    for (const Number& number : numbers) {
+      if (name != number.name) continue;
+      known = true;
+      if (!ParseInt(value, number.min, number.out)) {
+        *error = name + " wants a whole number of at least " + std::to_string(number.min) +
+                 ", not \"" + value + "\"";
+        return ParseResult::kError;
+      }
+    }
+    if (chunk > 0) options->chunk = static_cast<size_t>(chunk);
+    if (known) continue;
+
+    if (name == "--socket") {
+      options->socket_path = value;
+    } else if (name == "--config") {
+      options->config_file = value;
+    } else if (name == "--transcript") {
+      options->transcript_file = value;
+    } else if (name == "--trailer") {
+      options->trailer = Unescape(value);
+    } else {
+      *error = "unknown argument " + name;
+      return ParseResult::kError;
+    }
+  }
+  if (options->socket_path.empty()) {
+    *error = "--socket needs a path";
+    return ParseResult::kError;
+  }
+  return ParseResult::kRun;
+}
+
+}  // namespace cffs_sim

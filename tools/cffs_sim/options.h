@@ -1,0 +1,45 @@
+// The simulator's command line.
+//
+//   cffs-sim [--socket PATH] [--config FILE] [--transcript FILE] [--verbose]
+//            [--no-listen] [--reset-at K] [--hangup-at K]
+//            [--chunk N] [--chunk-gap-ms MS] [--delay-ms MS] [--trailer TEXT]
+//
+// Each option is its own argument followed by its value as the next one
+// ("--chunk 3", not "--chunk=3").  Numbers are plain decimal.
+
+#ifndef CFFS_SIM_OPTIONS_H_
+#define CFFS_SIM_OPTIONS_H_
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace cffs_sim {
+
+struct Options {
+  std::string socket_path = "/tmp/cffs_uds";
+  std::string config_file;      // Empty: start with an empty tree, "save" fails.
+  std::string transcript_file;  // Empty: no transcript.
+  bool verbose = false;
+
+  // Fault injection, per connection, requests counted from 1.
+  bool no_listen = false;  // Bind the socket file but never listen().
+  int reset_at = 0;        // Close with request K unread, so the peer sees a reset; 0: off.
+  int hangup_at = -1;      // Read request K, then close without a reply; 0: before the greeting.
+  size_t chunk = 0;        // Send replies in pieces of at most this many bytes; 0: whole.
+  int chunk_gap_ms = 20;   // Pause between pieces; only with `chunk`.
+  int delay_ms = 0;        // Pause before the greeting and before each reply.
+  std::string trailer;     // Decoded; sent after every prompt, greeting included.
+};
+
+enum class ParseResult { kRun, kHelp, kError };
+
+// Parses `args` (without the program name).  On kError, *error says why.
+ParseResult ParseOptions(const std::vector<std::string>& args, Options* options,
+                         std::string* error);
+
+extern const char kUsage[];
+
+}  // namespace cffs_sim
+
+#endif  // CFFS_SIM_OPTIONS_H_

@@ -1,0 +1,44 @@
+// The simulator's network side: one thread, one poll() loop, any number of
+// clients on a Unix-domain stream socket.
+//
+// All sockets are non-blocking and every pause (--delay-ms, --chunk-gap-ms)
+// is a due time in the connection's OutputQueue, never a sleep, so one slow
+// or paused client does not hold up the others.  poll() sleeps until the
+// earliest due time or the next socket event.
+//
+// Per connection, with requests counted from 1:
+// - --reset-at K: request K is never read.  Requests before it are taken
+//   from the socket by peeking first and consuming exactly through their CR;
+//   once request K-1 is answered, the first byte of anything else (a lone
+//   leading LF aside) closes the connection.  Unread data at close() makes
+//   Linux fail the peer's next recv() with ECONNRESET.  Replies still queued
+//   at that moment are dropped.
+// - --hangup-at K: request K is read and recorded, then no more is read and
+//   the connection is closed once replies to earlier requests have gone out:
+//   the peer sees end of file.  K = 0 closes right after accept().
+// - A request longer than kMaxRequestBytes drops the connection at once.
+// - A client whose unsent replies pile up past 1 MiB is not read from until
+//   it reads some of them.
+//
+// SIGPIPE is ignored and every send() uses MSG_NOSIGNAL; a peer that
+// vanishes only ends its own connection.
+
+#ifndef CFFS_SIM_SERVER_H_
+#define CFFS_SIM_SERVER_H_
+
+#include "cffs_sim/options.h"
+#include "cffs_sim/tree.h"
+
+namespace cffs_sim {
+
+// Removes a stale socket file at options.socket_path (one that refuses
+// connections; a live one makes this fail instead), binds (and unless
+// --no-listen listens), prints "ready\n" on stdout and serves until SIGTERM
+// or SIGINT, then removes the socket file.  Returns the exit status: 0 after
+// a signal, 1 if the socket cannot be set up, 2 if the transcript file
+// cannot be opened.
+int Serve(const Options& options, Tree* tree);
+
+}  // namespace cffs_sim
+
+#endif  // CFFS_SIM_SERVER_H_

@@ -1,0 +1,38 @@
+#include "cffs_sim/transcript.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "cffs_sim/escape.h"
+
+namespace cffs_sim {
+
+Transcript::~Transcript() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+bool Transcript::Open(const std::string& file, std::string* error) {
+  fd_ = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  if (fd_ >= 0) return true;
+  *error = std::strerror(errno);
+  return false;
+}
+
+void Transcript::Record(std::string_view request) {
+  if (fd_ < 0) return;
+  const std::string line = Escape(request) + "\n";
+  ssize_t n;
+  do {
+    n = ::write(fd_, line.data(), line.size());
+  } while (n < 0 && errno == EINTR);
+  if (n == static_cast<ssize_t>(line.size()) || warned_) return;
+  warned_ = true;
+  std::fprintf(stderr, "cffs-sim: transcript write failed: %s\n",
+               n < 0 ? std::strerror(errno) : "short write");
+}
+
+}  // namespace cffs_sim
