@@ -1,0 +1,189 @@
+// Each rule against the daemon simulator. A row: the stored tree as a delta
+// over the default configuration (which agrees with every rule), the write,
+// entered first as the write service does, and the entries the rule records.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "rules/fixed_settings.h"
+#include "rules/mux_bitrate.h"
+#include "rules/network_address.h"
+#include "rules/single_input.h"
+#include "rules/stream_audio.h"
+#include "rules/video_encoder.h"
+#include "support/simulator.h"
+
+namespace {
+
+using Entries = std::map<std::string, std::string>;
+using Rule = std::function<void(ConfigClient&, ChangeSet&, std::string name, std::string value)>;
+
+const char kGone[] = "\x01";  // as a stored value: the daemon lacks the path
+
+std::string enc(const std::string& p) { return "/configuration/encoders/" + p; }
+std::string mux(const std::string& p) { return "/configuration/outputs/ts/muxer/mux" + p; }
+std::string out(const std::string& p) { return "/configuration/outputs/" + p; }
+std::string net(const std::string& p) { return "/configuration/network/" + p; }
+std::string in(const std::string& p) { return "/configuration/inputs/" + p; }
+
+struct Row {
+  const char* what;
+  Entries stored;
+  std::pair<std::string, std::string> write;  // none when the name is empty
+  Entries recorded;
+  Entries pending = {};  // as if recorded by an earlier rule of the request
+  std::vector<std::string> faults = {};
+};
+
+Rule plain(void (*rule)(ConfigClient&, ChangeSet&)) {
+  return [rule](auto& c, auto& s, auto, auto) { rule(c, s); };
+}
+
+void check(const Rule& rule, const std::vector<Row>& rows) {
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    ParameterMap tree = defaultTree();
+    for (const auto& [path, value] : row.stored) {
+      if (value != kGone) tree[path] = value;
+      if (value == kGone) tree.erase(path);
+    }
+    Simulator daemon(tree, row.faults);
+    ConfigClient client;
+    ChangeSet changes = row.pending;
+    if (!row.write.first.empty()) changes.insert(row.write);
+    ChangeSet expected = changes;
+    for (const auto& [path, value] : row.recorded) expected[path] = value;
+    rule(client, changes, row.write.first, row.write.second);
+    EXPECT_EQ(changes, expected);
+  }
+}
+
+const std::string kIp = net("ip_addr"), kMask = net("subnet_mask"), kCast = net("broadcast_addr");
+const std::string kRtsp1 = out("rtsp/streams/stream1/aenc");
+const std::string kRtmp1 = out("rtmp/streams/stream1/aenc");
+const std::string kAudio1 = mux("1/component2/encoder"), kAudio2 = mux("2/component2/encoder");
+const std::string kAuto1 = enc("venc1/frame_ctrl/auto"), kAuto2 = enc("venc2/frame_ctrl/auto");
+const std::string kCopy1 = enc("venc1/text_overlay/copy_image");
+const std::string kCopy2 = enc("venc2/text_overlay/copy_image");
+
+// clang-format off
+TEST(FixedSettingsRule, RestoresDriftedRowsAgainstTheStoredValue) {
+  const std::string logo = "/opt/encsrv/vendor/logos/logo.ppm";
+  const Entries fixed = {
+      {in("video/in1/logo/imagefile"), logo}, {in("video/in2/logo/imagefile"), logo},
+      {in("audio/analog_in1/input"), "line"}, {in("audio/analog_in1/micboost"), "no"},
+      {enc("aenc3/codec"), "aac"}, {in("video/in1/deinterlacer/mode"), "advanced"},
+      {out("rtsp/streams/stream1/venc"), "1"}, {out("rtmp/streams/stream1/venc"), "1"},
+      {out("recorder/stream"), "2"}, {out("recorder/enable"), "yes"}};
+  Entries drifted;
+  for (const auto& [path, value] : fixed) drifted[path] = value + "x";
+  const std::string on = out("recorder/enable"), stream = out("recorder/stream");
+  check(plain(applyFixedSettings), {
+      {"all ten fixed", {}, {}, {}},
+      {"all ten drifted", drifted, {}, fixed},
+      {"stored yes keeps the written no", {}, {on, "no"}, {}},
+      {"stored off replaces the written no", {{on, "off"}}, {on, "no"}, {{on, "yes"}}},
+      {"the daemon lacks a path", {{enc("aenc3/codec"), kGone}}, {},
+       {{enc("aenc3/codec"), "aac"}}},
+      {"a failed read records nothing", {{stream, "1"}, {on, "no"}}, {}, {{stream, "2"}}, {},
+       {"--reset-at", "10"}}});
+}
+
+TEST(NetworkAddressRule, BroadcastIsAddressOrNotMask) {
+  const Entries bogus = {{kCast, "0.0.0.0"}};  // anything computed would differ
+  check(updateBroadcastAddress, {
+      {"already stored", {}, {kIp, "192.168.1.10"}, {}},
+      {"/24", {{kCast, "192.168.1.0"}}, {kIp, "192.168.1.10"}, {{kCast, "192.168.1.255"}}},
+      {"/16, stored address not pending one", {{kIp, "10.1.2.3"}}, {kMask, "255.255.0.0"},
+       {{kCast, "10.1.255.255"}}, {{kIp, "10.9.9.9"}}},
+      {"mask 0.0.0.0", {{kIp, "10.1.2.3"}}, {kMask, "0.0.0.0"}, {{kCast, "255.255.255.255"}}},
+      {"mask of all ones", {{kIp, "10.1.2.3"}}, {kMask, "255.255.255.255"}, {{kCast, "10.1.2.3"}}},
+      {"non-contiguous", {{kIp, "10.1.2.3"}}, {kMask, "255.0.255.0"}, {{kCast, "10.255.2.255"}}},
+      {"empty address", bogus, {kIp, "\"\""}, {}},
+      {"octet out of range", bogus, {kIp, "192.168.1.300"}, {}},
+      {"quoted address", bogus, {kIp, "\"192.168.1.10 \""}, {}},
+      {"stored mask unparsable", {{kMask, "255.255.255"}, {kCast, "0"}}, {kIp, "10.0.0.5"}, {}},
+      {"leading zeros respelt", {{kCast, "192.168.001.255"}}, {kIp, "192.168.1.10"},
+       {{kCast, "192.168.1.255"}}}});
+}
+
+TEST(VideoEncoderRules, SwitchesFollowMux2AndCodecs) {
+  const std::string codec2 = enc("venc2/codec");
+  check(plain(applyVideoEncoderRules), {
+      {"venc2 behind mux2, both h264", {}, {}, {}},
+      {"a drifted switch", {{kCopy1, "no"}}, {}, {{kCopy1, "yes"}}},
+      {"venc2 on another codec", {{codec2, "mpeg2"}}, {}, {{kAuto1, "no"}, {kAuto2, "no"}}},
+      {"codec in capitals", {{enc("venc1/codec"), "H264"}}, {}, {{kAuto1, "no"}, {kAuto2, "no"}}},
+      {"pending codec counts", {{codec2, "mpeg2"}, {kAuto1, "no"}, {kAuto2, "no"}},
+       {codec2, "h264"}, {{kAuto1, "yes"}, {kAuto2, "yes"}}},
+      {"pending mux2 routing counts", {}, {mux("2/component1/encoder"), "venc1"},
+       {{kAuto1, "no"}, {kAuto2, "no"}, {kCopy1, "no"}, {kCopy2, "no"}}},
+      {"written switch equal to the computed one stays", {}, {kAuto1, "no"}, {}},
+      {"written switch replaced", {{kAuto1, "no"}}, {kAuto1, "no"}, {{kAuto1, "yes"}}}});
+  const std::string rate1 = enc("venc1/frame_ctrl/rate"), rate2 = enc("venc2/frame_ctrl/rate");
+  const std::string on1 = enc("venc1/frame_ctrl/enable"), on2 = enc("venc2/frame_ctrl/enable");
+  check(applyFrameRateRule, {
+      {"2", {}, {rate1, "2"}, {{on1, "yes"}}},
+      {"01 is not 1", {}, {rate2, "01"}, {{on2, "yes"}}},
+      {"empty", {}, {rate1, "\"\""}, {{on1, "yes"}}},
+      {"1 turns it off", {{on2, "yes"}}, {rate2, "1"}, {{on2, "no"}}}});
+}
+
+TEST(StreamAudioRule, CarriesTheChoiceToRtmp1AndMux1) {
+  check([](auto& c, auto& s, auto, auto value) { applyStreamAudioRule(c, s, value); }, {
+      {"2", {}, {kRtsp1, "2"}, {{kRtmp1, "2"}, {kAudio1, "aenc2"}}},
+      {"unchanged", {}, {kRtsp1, "1"}, {}},
+      {"off", {}, {kRtsp1, "off"}, {{kRtmp1, "off"}, {kAudio1, "off"}}},
+      {"stream2 still targets stream1 and mux1", {}, {out("rtsp/streams/stream2/aenc"), "3"},
+       {{kRtmp1, "3"}, {kAudio1, "aenc3"}}},
+      {"empty", {}, {kRtsp1, "\"\""}, {{kRtmp1, "\"\""}, {kAudio1, "aenc\"\""}}}});
+}
+
+TEST(SingleInputRule, RoutesEncodersAndMovesTheOtherInputsAudio) {
+  const std::string mode = in("video/mode"), in1 = enc("venc1/input"), in2 = enc("venc2/input");
+  check([](auto& c, auto& s, auto, auto v) { applySingleInputRule(c, s, v.substr(7, 1)); }, {
+      {"input 2", {{kRtmp1, "off"}, {kAudio2, "aenc3"}}, {mode, "single_2"},
+       {{in1, "in2"}, {in2, "in2"}, {kRtsp1, "2"}, {kAudio1, "aenc2"}}},
+      {"back to input 1", {{in1, "in2"}, {in2, "in2"}, {kRtsp1, "2"}, {kRtmp1, "2"},
+       {kAudio1, "aenc2"}, {kAudio2, "off"}}, {mode, "single_1"},
+       {{in1, "in1"}, {in2, "in1"}, {kRtsp1, "1"}, {kRtmp1, "1"}, {kAudio1, "aenc1"}}},
+      {"the input in use", {{in2, "in2"}}, {mode, "single_1"}, {{in2, "in1"}}},
+      {"stored values decide, not pending ones", {{kRtsp1, "off"}}, {mode, "single_2"},
+       {{in1, "in2"}, {in2, "in2"}, {kRtmp1, "2"}, {kAudio1, "aenc2"}, {kAudio2, "aenc2"}},
+       {{kRtsp1, "1"}, {kRtmp1, "off"}}},
+      {"empty input number", {}, {mode, "single_"}, {{in1, "in"}, {in2, "in"}, {kRtsp1, ""},
+       {kRtmp1, ""}, {kAudio1, "aenc"}, {kAudio2, "aenc"}}}});
+}
+
+TEST(MuxBitrateRule, TotalsScaledClampedAndWrapped) {
+  const std::string total = mux("1/bitrate"), mode = mux("1/mode"), codec2 = enc("venc2/codec");
+  const std::string first = mux("1/component1/encoder"), last = mux("1/component3/encoder");
+  const std::string rate = enc("venc1/h264/bitrate");
+  check(plain(applyMuxBitrateRule), {
+      {"consistent", {}, {}, {}},
+      {"cbr: 4000000*20/19 + 2*128000", {{total, "0"}}, {}, {{total, "4466526"}}},
+      {"vbr: 4000000*5/6 + 128000", {{mode, "vbr"}}, {}, {{total, "3461333"}}},
+      {"VBR is cbr", {{mode, "VBR"}, {total, "0"}}, {}, {{total, "4466526"}}},
+      {"157894 raised", {{rate, "150000"}, {kAudio1, "off"}}, {}, {{total, "200000"}}},
+      {"52887578 lowered", {{rate, "50000000"}}, {}, {{total, "50000000"}}},
+      {"60000000*5/6 stays", {{mode, "vbr"}, {rate, "60000000"}, {kAudio1, "off"}}, {},
+       {{total, "50000000"}}},
+      {"h264, then other codec: kept", {{last, "venc2"}, {codec2, "mpeg2"}, {total, "0"}}, {}, {}},
+      {"another codec, then h264", {{first, "venc2"}, {codec2, "mpeg2"}, {last, "venc1"},
+       {total, "0"}}, {}, {{total, "4466526"}}},
+      {"aenc3 from aac/bitrate", {{kAudio1, "aenc3"}}, {}, {{total, "4402526"}}},
+      {"audio only: left alone", {{first, "aenc2"}, {total, "0"}}, {}, {}},
+      {"pending bitrate counts", {}, {rate, "5000000"}, {{total, "5519157"}}},
+      // 107374183*20 = 2^31+12 wraps to -2147483636; /19 = -113025454;
+      // + 256000 = -112769454, raised (unwrapped it would be lowered).
+      {"cbr product wraps", {{rate, "107374183"}}, {}, {{total, "200000"}}},
+      // 860193460*5 = 2^32+6000004 wraps to 6000004; /6 = 1000000.
+      {"vbr product wraps", {{mode, "vbr"}, {rate, "860193460"}, {kAudio1, "off"}}, {},
+       {{total, "1000000"}}},
+      // Request 9 reads mux2's mode.
+      {"failed read in mux2 keeps mux1", {{total, "0"}, {mux("2/bitrate"), "0"}}, {},
+       {{total, "4466526"}}, {}, {"--reset-at", "9"}}});
+}
+// clang-format on
+
+}  // namespace
