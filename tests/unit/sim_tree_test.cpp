@@ -39,29 +39,6 @@ TEST(SimTree, FormatThenParseIsIdentity) {
   EXPECT_EQ(text.substr(0, text.find('\n')), " empty path");  // Sorted by path bytes.
 }
 
-TEST(SimTree, ListsDirectChildren) {
-  const Tree tree = {
-      {"/a/b", "1"}, {"/a/b.x", "2"}, {"/a/b/c", "3"}, {"/a/d/e/f", "4"}, {"/ab", "5"}};
-  const struct {
-    const char* dir;
-    std::vector<std::string> children;
-  } cases[] = {
-      {"/", {"a", "ab"}},
-      {"/a", {"b", "b.x", "d"}},
-      {"/a/", {"b", "b.x", "d"}},
-      {"/a/d", {"e"}},
-      {"/a/b", {"c"}},
-      {"/a/b/c", {}},
-      {"/a/b.", {}},
-      {"/x", {}},
-  };
-  for (const auto& c : cases) {
-    std::vector<std::string> names = {"stale"};
-    EXPECT_EQ(cffs_sim::ListChildren(tree, c.dir, &names), !c.children.empty()) << c.dir;
-    EXPECT_EQ(names, c.children) << c.dir;
-  }
-}
-
 class SimTreeFile : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -91,19 +68,6 @@ TEST_F(SimTreeFile, SaveThenLoadRoundTripsAndLeavesNoTemporaryFile) {
   ASSERT_TRUE(cffs_sim::LoadTree(file, &loaded, &error)) << error;
   EXPECT_EQ(loaded, tree);
   EXPECT_EQ(Entries(), std::vector<fs::path>{file});
-}
-
-TEST_F(SimTreeFile, FailuresReportTheReasonAndChangeNothing) {
-  std::string error;
-  EXPECT_FALSE(cffs_sim::SaveTree({{"/a", "1"}}, dir_ / "missing" / "tree.conf", &error));
-  EXPECT_EQ(error, "No such file or directory");
-  Tree tree = {{"/keep", "1"}};
-  EXPECT_FALSE(cffs_sim::LoadTree(dir_ / "tree.conf", &tree, &error));
-  EXPECT_EQ(error, "No such file or directory");
-  EXPECT_FALSE(cffs_sim::LoadTree(dir_, &tree, &error));
-  EXPECT_EQ(error, "Is a directory");
-  EXPECT_EQ(tree, (Tree{{"/keep", "1"}}));
-  EXPECT_TRUE(Entries().empty());
 }
 
 }  // namespace
