@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,6 +49,8 @@ Simulator::Simulator(const ParameterMap& tree, std::vector<std::string> argument
   if (pipe2(ready, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
   pid_ = fork();
   if (pid_ == 0) {
+    // A test program that dies must not leave its simulator behind.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
     dup2(ready[1], 1);
     execv(TZR_SIM_PATH, argv.data());
     _exit(127);
