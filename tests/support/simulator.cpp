@@ -37,9 +37,8 @@ Simulator::Simulator(const ParameterMap& tree, std::vector<std::string> argument
   std::ofstream(directory_ + "/tree.conf", std::ios::binary)
       << cffs_sim::FormatTree(cffs_sim::Tree(tree.begin(), tree.end()));
 
-  std::vector<std::string> args = {TZR_SIM_PATH,         "--config",
-                                   directory_ + "/tree.conf", "--transcript",
-                                   directory_ + "/transcript"};
+  std::vector<std::string> args = {TZR_SIM_PATH, "--config", directory_ + "/tree.conf",
+                                   "--transcript", directory_ + "/transcript"};
   args.insert(args.end(), arguments.begin(), arguments.end());
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(arg.data());
