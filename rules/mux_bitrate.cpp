@@ -71,7 +71,7 @@ void applyMuxBitrateRule(ConfigClient& client, ChangeSet& changes) {
       if (!addComponent(client, changes, encoder, vbr, sum)) return;
     }
     if (!sum.hasH264) continue;
-    if (sum.total <= kMinimumTotal - 1) {
+    if (sum.total < kMinimumTotal) {
       sum.total = kMinimumTotal;
     } else if (sum.total > kMaximumTotal) {
       sum.total = kMaximumTotal;
