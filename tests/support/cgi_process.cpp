@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -63,6 +64,13 @@ CgiResult runCgi(const CgiRequest& request, int timeoutMs) {
   if (result.pid == 0) {
     dup2(in[0], 0);
     dup2(out[1], 1);
+    if (request.forkFails) {
+      const uid_t nobody = 65534;
+      rlimit one = {1, 1};
+      if (setrlimit(RLIMIT_NPROC, &one) != 0 || setgid(nobody) != 0 || setuid(nobody) != 0) {
+        _exit(126);
+      }
+    }
     char* argv[] = {const_cast<char*>(TZR_CGI_PATH), nullptr};
     execve(TZR_CGI_PATH, argv, envp.data());
     _exit(127);

@@ -17,6 +17,9 @@ struct CgiRequest {
   std::string body;  // sent on stdin; CONTENT_LENGTH is its size unless set in `env`
   std::string contentType = "application/x-www-form-urlencoded";
   std::vector<std::pair<std::string, std::string>> env;  // added or overriding
+  // Runs the program as user nobody, allowed no process beside itself, so
+  // that its fork fails. The daemon's socket and /dev/log must let nobody in.
+  bool forkFails = false;
 };
 
 struct CgiResult {
