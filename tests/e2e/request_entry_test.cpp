@@ -48,6 +48,7 @@ TEST(RequestEntryTest, DispatchesAsCgiccParses) {
       {getRequest("READ=/a"), kReadA, kLsA},
       {getRequest("Read=/a"), kReadA, kLsA},
       {getRequest("read=/a&read=/b"), kReadA, kLsA},
+      {getRequest("reads=/a&rea=/b&write=/c"), "", {}},  // names of another length
       {post({}, "POST", "read=/b"), kReadA, kLsA},
       {getRequest("read=/a,%0D%0A/b"), ab, {R"(ls /a\r)", R"(ls /b\r)"}},
       {getRequest("read=/a&write=/b&value=c"), kReadA, kLsA},
