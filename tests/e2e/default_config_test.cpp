@@ -11,14 +11,6 @@
 
 namespace {
 
-std::vector<std::string> writesOf(const Simulator& daemon) {
-  std::vector<std::string> writes;
-  for (const std::string& request : daemon.transcript()) {
-    if (request.rfind("ls ", 0) != 0) writes.push_back(request);
-  }
-  return writes;
-}
-
 TEST(DefaultConfig, RewritingAnyParameterPutsOnlyThatParameter) {
   const ParameterMap tree = defaultTree();
   Simulator daemon(tree);
@@ -29,10 +21,10 @@ TEST(DefaultConfig, RewritingAnyParameterPutsOnlyThatParameter) {
     expected.insert(expected.end(), {"put " + path + " " + value + "\\r", "apply\\r", "save\\r"});
     // This write's apply and save come before the next write's puts.
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (writesOf(daemon).size() < expected.size() && std::chrono::steady_clock::now() < deadline)
+    while (daemon.writes().size() < expected.size() && std::chrono::steady_clock::now() < deadline)
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
-  EXPECT_EQ(writesOf(daemon), expected);
+  EXPECT_EQ(daemon.writes(), expected);
   EXPECT_EQ(daemon.savedTree(), tree);
   for (pid_t child : childProcesses()) {
     if (child != daemon.pid()) {

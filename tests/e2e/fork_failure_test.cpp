@@ -25,23 +25,15 @@ TEST(ForkFailure, TheSameProcessAppliesAndSaves) {
       "Content-Type: application/json\n\n{ \"write\": "
       "\"\\/configuration\\/network\\/hostname\", \"value\": \"studio\", \"reply\": \"\" }\n");
   // Apply and save were sent before the program ended, not by a child.
-  std::vector<std::string> wire;
-  for (const std::string& request : daemon.transcript()) {
-    if (request.rfind("ls ", 0) != 0) wire.push_back(request);
-  }
-  EXPECT_EQ(wire, (std::vector<std::string>{"put /configuration/network/hostname studio\\r",
-                                            "apply\\r", "save\\r"}));
-  std::vector<std::pair<int, std::string>> lines;
-  for (const LogLine& line : log.lines()) {
-    EXPECT_EQ(line.pid, result.pid);
-    lines.emplace_back(line.priority, line.message);
-  }
+  EXPECT_EQ(daemon.writes(),
+            (std::vector<std::string>{"put /configuration/network/hostname studio\\r", "apply\\r",
+                                      "save\\r"}));
+  for (const LogLine& line : log.lines()) EXPECT_EQ(line.pid, result.pid);
   EXPECT_EQ(
-      lines,
-      (std::vector<std::pair<int, std::string>>{
-          {LOG_USER | LOG_INFO, "Setting parameter /configuration/network/hostname to studio"},
-          {LOG_USER | LOG_WARNING, "Failed to fork child process, continuing in parent process"},
-          {LOG_USER | LOG_INFO, "Applied and saved the parameter settings"}}));
+      log.entries(),
+      (Log{{LOG_USER | LOG_INFO, "Setting parameter /configuration/network/hostname to studio"},
+           {LOG_USER | LOG_WARNING, "Failed to fork child process, continuing in parent process"},
+           {LOG_USER | LOG_INFO, "Applied and saved the parameter settings"}}));
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 namespace {
 
 using Strings = std::vector<std::string>;
-using Log = std::vector<std::pair<int, std::string>>;
 
 const Strings kNoDaemon = {"(none)"};
 const std::string k500 = "HTTP/1.1 500 Internal Server Error\n\n";
@@ -78,9 +77,7 @@ TEST(ReadRequestTest, AnswersThroughTheBinary) {
     CgiResult result = runCgi(getRequest(row.query));
     EXPECT_EQ(0, result.exitStatus);
     EXPECT_EQ(row.output, result.output);
-    Log log;
-    for (const LogLine& line : syslog.lines()) log.emplace_back(line.priority, line.message);
-    EXPECT_EQ(row.log, log);
+    EXPECT_EQ(row.log, syslog.entries());
     EXPECT_EQ(row.sent, sim ? sim->transcript() : Strings{});
   }
 }

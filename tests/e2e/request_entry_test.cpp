@@ -10,7 +10,6 @@
 namespace {
 
 using Strings = std::vector<std::string>;
-using Log = std::vector<std::pair<int, std::string>>;
 using Env = decltype(CgiRequest::env);
 
 const std::string kJson = "Content-Type: application/json\n\n";
@@ -71,9 +70,7 @@ TEST(RequestEntryTest, DispatchesAsCgiccParses) {
     CgiResult result = runCgi(row.request);
     EXPECT_EQ(row.exitStatus, result.exitStatus);
     EXPECT_EQ(row.output, result.output);
-    Log log;
-    for (const LogLine& line : syslog.lines()) log.emplace_back(line.priority, line.message);
-    EXPECT_EQ(row.log, log);
+    EXPECT_EQ(row.log, syslog.entries());
     EXPECT_EQ(row.sent, sim.transcript());
   }
 }

@@ -79,6 +79,14 @@ std::vector<std::string> Simulator::transcript() const {
   return requests;
 }
 
+std::vector<std::string> Simulator::writes() const {
+  std::vector<std::string> requests;
+  for (const std::string& request : transcript()) {
+    if (request.compare(0, 3, "ls ") != 0) requests.push_back(request);
+  }
+  return requests;
+}
+
 bool Simulator::waitForRequests(size_t count, std::chrono::milliseconds limit) const {
   auto deadline = std::chrono::steady_clock::now() + limit;
   while (transcript().size() < count) {

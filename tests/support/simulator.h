@@ -29,6 +29,9 @@ class Simulator {
   // simulator writes them ("save" is the seven characters save\r).
   std::vector<std::string> transcript() const;
 
+  // The transcript without its reads: the puts, applies and saves.
+  std::vector<std::string> writes() const;
+
   // Waits until the transcript holds `count` requests, up to `limit`.
   bool waitForRequests(size_t count, std::chrono::milliseconds limit) const;
 

@@ -65,6 +65,12 @@ const std::vector<LogLine>& SyslogCapture::lines() {
   return lines_;
 }
 
+Log SyslogCapture::entries() {
+  Log log;
+  for (const LogLine& line : lines()) log.emplace_back(line.priority, line.message);
+  return log;
+}
+
 bool SyslogCapture::waitFor(const std::string& message, std::chrono::milliseconds limit) {
   auto deadline = std::chrono::steady_clock::now() + limit;
   for (;;) {

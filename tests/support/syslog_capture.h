@@ -8,7 +8,11 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
+
+// (priority, message) pairs, the form in which tests compare log lines.
+using Log = std::vector<std::pair<int, std::string>>;
 
 struct LogLine {
   int priority = -1;  // facility | level, e.g. LOG_USER | LOG_INFO = 14
@@ -27,6 +31,9 @@ class SyslogCapture {
 
   // Every line received so far, in arrival order (reads what is pending).
   const std::vector<LogLine>& lines();
+
+  // The same lines as (priority, message) pairs.
+  Log entries();
 
   // Waits until a line with exactly `message` has arrived, up to `limit`.
   bool waitFor(const std::string& message, std::chrono::milliseconds limit);
