@@ -11,11 +11,9 @@
 #include "config_client/config_client.h"
 #include "rules/fixed_settings.h"
 #include "rules/mux_bitrate.h"
-#include "rules/network_address.h"
-#include "rules/single_input.h"
-#include "rules/stream_audio.h"
 #include "rules/video_encoder.h"
 #include "write_service/change_set.h"
+#include "write_service/triggered_rule.h"
 
 namespace {
 
@@ -27,26 +25,6 @@ void normalise(std::string& value) {
   } else if (value.find_first_of(" \t\r\n\v\f") != std::string::npos) {
     value.insert(0, 1, '"');
     value += '"';
-  }
-}
-
-// At most one rule follows from the written name, the first whose test
-// matches. The tests compare fixed stretches of the name by position, and a
-// name too short for a stretch that is compared throws std::out_of_range,
-// as a write of "single" alone to the input mode does.
-void applyTriggeredRule(ConfigClient& client, ChangeSet& changes, const ParameterPath& name,
-                        const std::string& value) {
-  if (name == "/configuration/inputs/video/mode" && value.compare(0, 6, "single") == 0) {
-    applySingleInputRule(client, changes, value.substr(7, 1));
-  } else if (name.compare(0, 28, "/configuration/encoders/venc") == 0 &&
-             name.compare(29, 16, "/frame_ctrl/rate") == 0) {
-    applyFrameRateRule(client, changes, name, value);
-  } else if (name.compare(0, 42, "/configuration/outputs/rtsp/streams/stream") == 0 &&
-             name.compare(43, 5, "/aenc") == 0) {
-    applyStreamAudioRule(client, changes, value);
-  } else if (name == "/configuration/network/ip_addr" ||
-             name == "/configuration/network/subnet_mask") {
-    updateBroadcastAddress(client, changes, name, value);
   }
 }
 
