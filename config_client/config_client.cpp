@@ -28,6 +28,13 @@ bool framable(const std::string& text) {
   return text.find_first_of(std::string("\r\n\0", 3)) == std::string::npos;
 }
 
+// The daemon takes a put's value from the first blank after the name on, so
+// a name with white space would store another name's value, or a value of
+// its own choosing, unquoted.
+bool writable(const ParameterPath& name, const std::string& value) {
+  return framable(name) && framable(value) && name.find_first_of(" \t\v\f") == std::string::npos;
+}
+
 std::string putRequest(const ParameterPath& name, const std::string& value) {
   return "put " + name + " " + value;
 }
@@ -51,7 +58,7 @@ bool ConfigClient::put(const ParameterMap& changes, std::string& replies) {
   if (!connection_) return false;
   replies.clear();
   for (const auto& [name, value] : changes) {
-    if (!framable(name) || !framable(value)) {
+    if (!writable(name, value)) {
       // Refuse the whole batch before anything reaches the daemon, and end
       // the dialogue as a failed write would.
       connection_->close();
@@ -68,7 +75,7 @@ bool ConfigClient::put(const ParameterMap& changes, std::string& replies) {
 }
 
 bool ConfigClient::put(const ParameterPath& name, const std::string& value, std::string& reply) {
-  if (!connection_ || !framable(name) || !framable(value)) return false;
+  if (!connection_ || !writable(name, value)) return false;
   return connection_->execute(putRequest(name, value), reply);
 }
 

@@ -28,12 +28,15 @@ class ConfigClient {
 
   // "ls NAME". `value` receives the answer trimmed of white space at both
   // ends (also after a failure, when it keeps its previous contents). A name
-  // the daemon does not hold answers "No such file or directory".
+  // the daemon does not hold answers "No such file or directory". A name
+  // with a CR, LF or NUL is refused without a word to the daemon.
   bool get(const ParameterPath& name, std::string& value);
 
   // One "put NAME VALUE" per entry, in the set's order, stopping at the first
   // failed exchange. `replies` collects the untrimmed answers of every entry
-  // sent. Entries already stored are not taken back.
+  // sent. Entries already stored are not taken back. A set that cannot go out
+  // as one line per entry (a CR, LF or NUL anywhere, or white space in a
+  // name) is refused whole: nothing is sent and the connection is closed.
   bool put(const ParameterMap& changes, std::string& replies);
   bool put(const ParameterPath& name, const std::string& value, std::string& reply);
 
