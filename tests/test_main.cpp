@@ -1,19 +1,13 @@
-// Every test program runs in a private system of its own (isolation.h).
 #include <gtest/gtest.h>
 
-#include "support/isolation.h"
-
-namespace {
-
-class PrivateSystem : public ::testing::Environment {
- public:
-  void SetUp() override { enterPrivateSystem(); }
-};
-
-}  // namespace
+#include "support/harness.h"
 
 int main(int argc, char** argv) {
-  ::testing::InitGoogleTest(&argc, argv);
-  ::testing::AddGlobalTestEnvironment(new PrivateSystem);
+  testing::InitGoogleTest(&argc, argv);
+  // Not for a mere listing of the tests: only when they run.
+  struct PrivateSystem : testing::Environment {
+    void SetUp() override { enterPrivateSystem(); }
+  };
+  testing::AddGlobalTestEnvironment(new PrivateSystem);
   return RUN_ALL_TESTS();
 }

@@ -1,0 +1,199 @@
+// Requests through the shipped program as a web server runs it, one row per
+// behaviour: the reply bytes, the exit status, what reached the daemon and
+// what was logged, by the request's process and by its detached child. What
+// the rules compute is tabled in process (unit/).
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <memory>
+
+#include "support/harness.h"
+
+namespace {
+
+const int kInfo = LOG_USER | LOG_INFO, kError = LOG_USER | LOG_ERR;
+const std::string kJson = "Content-Type: application/json\n\n";
+const std::string k400 = "HTTP/1.1 400 Bad Request\n\n";
+const std::string k500 = "HTTP/1.1 500 Internal Server Error\n\n";
+const Strings kNoDaemon = {"none"};
+const Log kApplied = {{kInfo, "Applied and saved the parameter settings"}};
+const ParameterMap kExtra = {{"/a", "1"},
+                             {"/b", "two words"},
+                             {"/q", "say \"hi\" \\ back\nx"},
+                             {"/n", "no such file or directory"},
+                             {"/t\tab", "tabbed"}};
+
+struct Row {
+  CgiRequest request;
+  std::string output;
+  Strings sent;              // what reached the daemon; for a write, beside the rules' reads
+  Log log = {};              // of the request's own process
+  Log child = {};            // of the detached child
+  Strings daemon = {};       // simulator arguments, or kNoDaemon
+  ParameterMap stored = {};  // over the default configuration and kExtra
+  int exitStatus = 0;
+};
+
+void check(const Row& row, bool write) {
+  SCOPED_TRACE(row.request.method + " " + row.request.query + " " + row.request.body);
+  ParameterMap tree = defaultTree();
+  tree.insert(kExtra.begin(), kExtra.end());
+  for (const auto& [path, value] : row.stored) tree[path] = value;
+  SyslogCapture log;
+  {
+    std::unique_ptr<Simulator> sim(row.daemon == kNoDaemon ? nullptr
+                                                           : new Simulator(tree, row.daemon));
+    CgiResult result = runCgi(row.request);
+    EXPECT_EQ(row.exitStatus, result.exitStatus);
+    EXPECT_EQ(row.output, result.output);
+    if (!row.child.empty()) {
+      EXPECT_TRUE(log.waitFor(row.child.back().second));
+    }
+    EXPECT_EQ(row.sent, !sim ? Strings{} : write ? sim->writes() : sim->transcript());
+    EXPECT_EQ(row.log, log.of(result.pid));
+    EXPECT_EQ(row.child, log.of(result.pid, true));
+  }
+  EXPECT_TRUE(reapAllChildren()) << "a process was left";
+}
+
+Log caught(const std::string& what) { return {{kError, "Caught exception " + what}}; }
+
+std::string json(const std::string& line) { return kJson + line + "\n"; }
+
+CgiRequest post(const std::vector<std::pair<std::string, std::string>>& env = {},
+                const char* method = "POST", const char* query = "") {
+  return {query, method, "read=/a", "application/x-www-form-urlencoded", env};
+}
+
+CgiRequest multipart(const char* blankLine) {
+  return {"", "POST",
+          std::string("--XyZ\r\nContent-Disposition: form-data; name=\"read\"\r\n") + blankLine +
+              "/a\r\n--XyZ--\r\n",
+          "multipart/form-data; boundary=XyZ"};
+}
+
+// clang-format off
+TEST(RequestTest, ReadsAndDispatch) {
+  const std::string a = json(R"({ "\/a": "1" })");
+  const Strings lsA = {R"(ls /a\r)"}, lsAB = {R"(ls /a\r)", R"(ls /b\r)"};
+  const Row rows[] = {
+      {{"read=/a,/x+y,/nothing"}, json(R"({ "\/a": "1", "invalid": [ "/x y", "/nothing" ] })"),
+       {R"(ls /a\r)", R"(ls /nothing\r)"}},
+      {{"read=,,"}, kJson, {}},
+      {{"read=/a,/a,"}, json(R"({ "\/a": "1", "\/a": "1" })"), {lsA[0], lsA[0]}},
+      {{"read=/t%09ab,/n"}, json(R"({ "\/t\tab": "tabbed", "\/n": "no such file or directory" })"),
+       {R"(ls /t\tab\r)", R"(ls /n\r)"}},
+      {{"read=/q,/%22x%5C"}, json(R"({ "\/q": "say \"hi\" \\ back\nx", "invalid": [ "/"x\" ] })"),
+       {R"(ls /q\r)", R"(ls /"x\\\r)"}},
+      // Line breaks are stripped from the list; a NUL is never sent.
+      {{"read=/a,%0D%0A/b"}, json(R"({ "\/a": "1", "\/b": "two words" })"), lsAB},
+      {{"read=/b%00save,/a"}, json(R"({ "\/a": "1", "invalid": [ "/b)" + std::string(1, '\0') +
+       R"(save" ] })"), lsA},
+      {{"read="}, k400, {}, {{kError, "No parameter names in read request"}}},
+      {{"read="}, k500, {}, {}, {}, kNoDaemon},
+      {{"read=/a"}, k500, {}, {}, {}, {"--no-listen"}},
+      {{"read=/a,/b,/a"}, json(R"({ "\/a": "1", "invalid": [ "/b", "/a" ] })"), lsA, {}, {},
+       {"--reset-at", "2"}},
+      // Form fields as cgicc finds them.
+      {{"READ=/a"}, a, lsA},
+      {{"read=/a&read=/b"}, a, lsA},
+      {{"reads=/a&rea=/b&write=/c"}, "", {}},
+      {post({}, "POST", "read=/b"), a, lsA},
+      {{"read=/a&write=/b&value=c"}, a, lsA},
+      {{"write=/b"}, "", {}},
+      {{"value=c"}, "", {}},
+      {post({{"CONTENT_LENGTH", "100"}}), k500 + "Exception I/O error\n", {}, caught("I/O error")},
+      {multipart("\r\n"), a, lsA},
+      {multipart(""), k500 + "Exception Malformed input\n", {}, caught("Malformed input")},
+      // CGICC_MAX_CONTENTLENGTH against the 7-byte body of a POST or PUT.
+      {post({{"CGICC_MAX_CONTENTLENGTH", "6"}}), "", {}, {}, {}, {}, {}, 1},
+      {post({{"CGICC_MAX_CONTENTLENGTH", "6"}}, "put"), "", {}, {}, {}, {}, {}, 1},
+      {post({{"CGICC_MAX_CONTENTLENGTH", "7"}}), a, lsA},
+      {post({{"CGICC_MAX_CONTENTLENGTH", "1"}, {"CONTENT_LENGTH", "99"}}, "GET", "read=/a"), a, lsA},
+  };
+  for (const Row& row : rows) check(row, false);
+}
+
+std::string written(const std::string& name, const std::string& value, const char* reply = "") {
+  return kJson + "{ \"write\": \"" + name + "\", \"value\": \"" + value + "\", \"reply\": \"" +
+         reply + "\" }\n";
+}
+
+std::pair<int, std::string> set(const std::string& path, const std::string& value) {
+  return {kInfo, "Setting parameter " + path + " to " + value};
+}
+
+TEST(RequestTest, Writes) {
+  const std::string net = "/configuration/network/", ip = net + "ip_addr", host = net + "hostname";
+  const std::string cast = net + "broadcast_addr", jsonIp = R"(\/configuration\/network\/ip_addr)";
+  const std::string jsonHost = R"(\/configuration\/network\/hostname)";
+  const std::string rate = "/configuration/encoders/venc1/h264/bitrate";
+  const std::string total = "/configuration/outputs/ts/muxer/mux1/bitrate";
+  const std::string autoFc = "/configuration/encoders/venc1/frame_ctrl/auto";
+  const std::string recorder = "/configuration/outputs/recorder/enable";
+  const std::string venc = "/configuration/encoders/venc";
+  const std::string at29 = "basic_string::compare: __pos (which is 29) > this->size() (which is 28)";
+  const Strings saved = {"apply\\r", "save\\r"};
+  CgiRequest forkFails = {"write=" + host + "&value=studio"};
+  forkFails.forkFails = true;
+  const Row rows[] = {
+      // The puts go out in byte order of names, then the child applies and saves.
+      {{"write=" + ip + "&value=10.0.0.5"}, written(jsonIp, "10.0.0.5"),
+       {"put " + cast + " 10.0.0.255\\r", "put " + ip + " 10.0.0.5\\r", saved[0], saved[1]},
+       {set(ip, "10.0.0.5"), set(cast, "10.0.0.255")}, kApplied},
+      {{"write=" + host + "&value="}, written(jsonHost, R"(\"\")"),
+       {"put " + host + " \"\"\\r", saved[0], saved[1]}, {set(host, "")}, kApplied},
+      {{"write=" + host + "&value=a%20b"}, written(jsonHost, R"(\"a b\")"),
+       {"put " + host + " \"a b\"\\r", saved[0], saved[1]}, {set(host, "a b")}, kApplied},
+      {{"write=" + host + "&value=a%0Bb"}, written(jsonHost, "\\\"a\vb\\\""),
+       {"put " + host + " \"a\\x0Bb\"\\r", saved[0], saved[1]}, {set(host, "a\vb")}, kApplied},
+      // The written value is recorded before the rules: they read it back, and
+      // may replace it.
+      {{"write=" + rate + "&value=5000000"},
+       written(R"(\/configuration\/encoders\/venc1\/h264\/bitrate)", "5000000"),
+       {"put " + rate + " 5000000\\r", "put " + total + " 5519157\\r", saved[0], saved[1]},
+       {set(rate, "5000000"), set(total, "5519157")}, kApplied},
+      {{"write=" + autoFc + "&value=no"},
+       written(R"(\/configuration\/encoders\/venc1\/frame_ctrl\/auto)", "no"),
+       {"put " + autoFc + " yes\\r", saved[0], saved[1]}, {set(autoFc, "no"), set(autoFc, "yes")},
+       kApplied, {}, {{autoFc, "no"}}},
+      // The daemon's answer to a put without a name.
+      {{"write=&value=x"}, written("", "x", R"(Usage: put PATH VALUE\r\n)"),
+       {"put  x\\r", saved[0], saved[1]},
+       {set("", "x"), {kInfo, "Reply from \"put\": Usage: put PATH VALUE\r\n"}}, kApplied},
+      // A failed put answers 500 with what the daemon said; the child still
+      // logs, but sends nothing more.
+      {{"write=&value=x"}, k500 + "Usage: put PATH VALUE\r\n\n", {"put  x\\r"},
+       {set("", "x"), set(recorder, "yes")},
+       {{kInfo, "Reply from \"apply\": Usage: put PATH VALUE\r\n"},
+        {kInfo, "Reply from \"save\": Usage: put PATH VALUE\r\n"}, kApplied[0]},
+       {"--reset-at", "35"}, {{recorder, "no"}}},
+      // When fork fails, the one process applies and saves before it ends.
+      {forkFails, written(jsonHost, "studio"), {"put " + host + " studio\\r", saved[0], saved[1]},
+       {set(host, "studio"), {LOG_USER | LOG_WARNING, "Failed to fork child process, continuing in "
+       "parent process"}, kApplied[0]}},
+      {{"write=" + ip + "&value=10.0.0.5"}, k500, {}, {}, {}, {"--no-listen"}},
+      {{"write=" + venc + "&value=1"}, k500 + "Exception " + at29 + "\n", {},
+       {set(venc, "1"), {kError, "Caught exception " + at29}}},
+      // What cannot go out as one request line with a one-word name is not
+      // sent at all: the daemon must never see a command of the browser's.
+      {{"write=" + host + "&value=x%0Aapply"}, k500 + "\n", {}, {set(host, "x\napply")}, kApplied},
+      {{"write=" + host + "&value=x%0Dapply"}, k500 + "\n", {}, {set(host, "x\rapply")}, kApplied},
+      {{"write=" + host + "&value=x%00y"}, k500 + "\n", {}, {set(host, "x")}, kApplied},
+      {{"write=" + host + "%0Dapply&value=x"}, k500 + "\n", {}, {set(host + "\rapply", "x")},
+       kApplied},
+      {{"write=" + host + "%0Aapply&value=x"}, k500 + "\n", {}, {set(host + "\napply", "x")},
+       kApplied},
+      {{"write=" + host + "%00&value=x"}, k500 + "\n", {}, {set(host, "x")}, kApplied},
+      {{"write=" + ip + "%2010.9.9.9&value=x"}, k500 + "\n", {}, {set(ip + " 10.9.9.9", "x")},
+       kApplied},
+      {{"write=" + ip + "%0910.9.9.9&value=x"}, k500 + "\n", {}, {set(ip + "\t10.9.9.9", "x")},
+       kApplied},
+      {{"write=" + ip + "%0B1&value=x"}, k500 + "\n", {}, {set(ip + "\v1", "x")}, kApplied},
+      {{"write=" + ip + "%0C1&value=x"}, k500 + "\n", {}, {set(ip + "\f1", "x")}, kApplied},
+  };
+  for (const Row& row : rows) check(row, true);
+}
+// clang-format on
+
+}  // namespace

@@ -1,0 +1,254 @@
+#include "support/harness.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "cffs_sim/tree.h"
+
+namespace {
+
+void check(bool ok, const char* what) {
+  if (ok) return;
+  fprintf(stderr, "test harness: %s: %s\n", what, strerror(errno));
+  abort();
+}
+
+std::string readFile(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
+}
+
+ParameterMap treeIn(const std::string& path) {
+  cffs_sim::Tree tree = cffs_sim::ParseTree(readFile(path));
+  return ParameterMap(tree.begin(), tree.end());
+}
+
+[[noreturn]] void execCgi(const CgiRequest& request, int in, int out) {
+  dup2(in, 0);
+  dup2(out, 1);
+  signal(SIGPIPE, SIG_DFL);
+  if (request.forkFails) {
+    rlimit one = {1, 1};
+    const uid_t nobody = 65534;
+    check(setrlimit(RLIMIT_NPROC, &one) == 0 && setgid(nobody) == 0 && setuid(nobody) == 0,
+          "become nobody");
+  }
+  // cgicc needs no more of the environment; the first of a name counts.
+  std::vector<std::string> env;
+  for (const auto& [name, value] : request.env) env.push_back(name + "=" + value);
+  env.push_back("REQUEST_METHOD=" + request.method);
+  env.push_back("QUERY_STRING=" + request.query);
+  env.push_back("CONTENT_LENGTH=" + std::to_string(request.body.size()));
+  env.push_back("CONTENT_TYPE=" + request.contentType);
+  std::vector<char*> envp;
+  for (std::string& entry : env) envp.push_back(entry.data());
+  envp.push_back(nullptr);
+  char* argv[] = {const_cast<char*>(TZR_CGI_PATH), nullptr};
+  execve(TZR_CGI_PATH, argv, envp.data());
+  _exit(127);
+}
+
+}  // namespace
+
+void enterPrivateSystem() {
+  check(unshare(CLONE_NEWNS) == 0, "unshare(CLONE_NEWNS)");
+  check(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
+  check(mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") == 0, "tmpfs on /tmp");
+  check(mkdir("/tmp/.host-dev", 0700) == 0, "mkdir /tmp/.host-dev");
+  check(mount("/dev", "/tmp/.host-dev", nullptr, MS_BIND | MS_REC, nullptr) == 0, "keep /dev");
+  check(mount("tmpfs", "/dev", "tmpfs", 0, "mode=755") == 0, "tmpfs on /dev");
+  for (std::string name : {"null", "zero", "urandom", "random"}) {
+    fclose(fopen(("/dev/" + name).c_str(), "w"));
+    check(mount(("/tmp/.host-dev/" + name).c_str(), ("/dev/" + name).c_str(), nullptr, MS_BIND,
+                nullptr) == 0,
+          "bind a device");
+  }
+  check(prctl(PR_SET_CHILD_SUBREAPER, 1) == 0, "PR_SET_CHILD_SUBREAPER");
+}
+
+bool waitUntil(const std::function<bool()>& done, Millis limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(Millis(1));
+  }
+  return true;
+}
+
+std::vector<pid_t> children() {
+  // An orphan may be handed to any thread of a subreaper: ask every one.
+  std::vector<pid_t> pids;
+  DIR* tasks = opendir("/proc/self/task");
+  while (dirent* task = readdir(tasks)) {
+    std::ifstream list(std::string("/proc/self/task/") + task->d_name + "/children");
+    for (pid_t pid; list >> pid;) pids.push_back(pid);
+  }
+  closedir(tasks);
+  return pids;
+}
+
+bool reapAllChildren() {
+  return waitUntil([] {
+    pid_t pid;
+    while ((pid = waitpid(-1, nullptr, WNOHANG)) > 0) {
+    }
+    return pid < 0 && errno == ECHILD;
+  });
+}
+
+CgiResult runCgi(const CgiRequest& request, Millis limit) {
+  int in[2], out[2];
+  check(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0, "pipe");
+  CgiResult result;
+  result.pid = fork();
+  if (result.pid == 0) execCgi(request, in[0], out[1]);
+  close(in[0]);
+  close(out[1]);
+  // Body and reply move together, neither side blocking; a program that
+  // stops reading early must not kill the test.
+  signal(SIGPIPE, SIG_IGN);
+  fcntl(in[1], F_SETFL, O_NONBLOCK);
+  fcntl(out[0], F_SETFL, O_NONBLOCK);
+  size_t sent = 0;
+  result.timedOut = !waitUntil(
+      [&] {
+        ssize_t n = 0;
+        while (in[1] >= 0 && sent < request.body.size() &&
+               (n = write(in[1], request.body.data() + sent, request.body.size() - sent)) > 0) {
+          sent += static_cast<size_t>(n);
+        }
+        if (in[1] >= 0 && (sent == request.body.size() || (n < 0 && errno == EPIPE))) {
+          close(in[1]);
+          in[1] = -1;
+        }
+        char buffer[65536];
+        while ((n = read(out[0], buffer, sizeof buffer)) > 0) result.output.append(buffer, n);
+        return n == 0;
+      },
+      limit);
+  if (result.timedOut) kill(result.pid, SIGKILL);
+  if (in[1] >= 0) close(in[1]);
+  close(out[0]);
+  int status = 0;
+  waitpid(result.pid, &status, 0);
+  if (WIFEXITED(status)) result.exitStatus = WEXITSTATUS(status);
+  return result;
+}
+
+ParameterMap defaultTree() { return treeIn(TZR_DEFAULT_CONFIG); }
+
+Simulator::Simulator(const ParameterMap& tree, Strings arguments) {
+  char pattern[] = "/tmp/sim-XXXXXX";
+  directory_ = mkdtemp(pattern);
+  std::ofstream(directory_ + "/tree.conf", std::ios::binary)
+      << cffs_sim::FormatTree(cffs_sim::Tree(tree.begin(), tree.end()));
+  arguments.insert(arguments.begin(), {TZR_SIM_PATH, "--config", directory_ + "/tree.conf",
+                                       "--transcript", directory_ + "/transcript"});
+  std::vector<char*> argv;
+  for (std::string& argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  int ready[2];
+  check(pipe2(ready, O_CLOEXEC) == 0, "pipe");
+  pid_ = fork();
+  if (pid_ == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGTERM);  // never outlive the test
+    dup2(ready[1], 1);
+    execv(TZR_SIM_PATH, argv.data());
+    _exit(127);
+  }
+  close(ready[1]);
+  // "ready" once it listens; end of file if it could not start.
+  char line[7] = {};
+  bool started = read(ready[0], line, 6) == 6 && line == std::string("ready\n");
+  close(ready[0]);
+  if (!started) throw std::runtime_error("simulator did not start");
+  chmod("/tmp/cffs_uds", 0777);  // for a program run as nobody
+}
+
+Simulator::~Simulator() {
+  kill(pid_, SIGTERM);
+  waitpid(pid_, nullptr, 0);
+}
+
+Strings Simulator::transcript() const {
+  Strings requests;
+  std::istringstream text(readFile(directory_ + "/transcript"));
+  for (std::string line; std::getline(text, line);) requests.push_back(line);
+  return requests;
+}
+
+Strings Simulator::writes() const {
+  Strings requests;
+  for (const std::string& request : transcript()) {
+    if (request.compare(0, 3, "ls ") != 0) requests.push_back(request);
+  }
+  return requests;
+}
+
+ParameterMap Simulator::savedTree() const { return treeIn(directory_ + "/tree.conf"); }
+
+SyslogCapture::SyslogCapture() : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_un address = {AF_UNIX, "/dev/log"};
+  unlink(address.sun_path);
+  check(bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0, "bind /dev/log");
+  chmod(address.sun_path, 0666);  // for a program run as nobody
+}
+
+SyslogCapture::~SyslogCapture() {
+  close(fd_);
+  unlink("/dev/log");
+}
+
+const std::vector<SyslogCapture::Line>& SyslogCapture::lines() {
+  char buffer[65536];
+  ssize_t n;
+  while ((n = recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT)) >= 0) {
+    const std::string raw(buffer, static_cast<size_t>(n)), ident = "tzr4417.cgi[";
+    // "<PRI>" and a 16-character time stamp "Mmm dd hh:mm:ss " come first.
+    const size_t from = raw.find('>') + 17, end = raw.find("]: ");
+    if (raw[0] == '<' && end != std::string::npos && from <= raw.size() &&
+        raw.compare(from, ident.size(), ident) == 0) {
+      lines_.push_back({atoi(&raw[1]), atoi(&raw[from + ident.size()]), raw.substr(end + 3)});
+    } else {
+      lines_.push_back({-1, 0, raw});
+    }
+  }
+  return lines_;
+}
+
+Log SyslogCapture::of(pid_t pid, bool others) {
+  Log log;
+  for (const Line& line : lines()) {
+    if ((line.pid == pid) != others) log.emplace_back(line.priority, line.message);
+  }
+  return log;
+}
+
+bool SyslogCapture::waitFor(const std::string& message) {
+  return waitUntil([&] {
+    for (const Line& line : lines()) {
+      if (line.message == message) return true;
+    }
+    return false;
+  });
+}

@@ -1,0 +1,103 @@
+// What the tests run the program and its daemon in. Each test program first
+// enters a private system: a mount namespace with its own tmpfs on /tmp (so
+// "/tmp/cffs_uds" is ours alone) and a /dev with the few nodes the programs
+// use plus our own /dev/log, so tests run in parallel and never touch a
+// daemon or syslog of the machine. It is also a child subreaper: the write
+// service's detached children come back to it. Needs root.
+#ifndef TZR_TESTS_SUPPORT_HARNESS_H_
+#define TZR_TESTS_SUPPORT_HARNESS_H_
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "config_client/parameter_map.h"
+
+using Strings = std::vector<std::string>;
+using Millis = std::chrono::milliseconds;
+
+void enterPrivateSystem();  // aborts when impossible
+
+// Checks `done` every millisecond until it holds or `limit` has passed.
+bool waitUntil(const std::function<bool()>& done, Millis limit = Millis(5000));
+
+// Live or unreaped children, detached ones included.
+std::vector<pid_t> children();
+
+// Reaps children as they end; true once none is left.
+bool reapAllChildren();
+
+// One run of the shipped tzr4417.cgi as a web server makes it: a CGI
+// environment, the body on stdin, stdout until every holder lets go of it.
+struct CgiRequest {
+  std::string query = {};
+  std::string method = "GET";
+  std::string body = {};  // CONTENT_LENGTH is its size unless `env` sets one
+  std::string contentType = "application/x-www-form-urlencoded";
+  std::vector<std::pair<std::string, std::string>> env = {};
+  // As user nobody allowed no second process, so that fork fails.
+  bool forkFails = false;
+};
+
+struct CgiResult {
+  std::string output;
+  int exitStatus = -1;  // unless it exited normally
+  bool timedOut = false;
+  pid_t pid = 0;
+};
+
+// Kills the program when its output has not ended within `limit`.
+CgiResult runCgi(const CgiRequest& request, Millis limit = Millis(5000));
+
+// The default appliance configuration shipped with the simulator.
+ParameterMap defaultTree();
+
+// The daemon simulator (tools/cffs_sim) on "/tmp/cffs_uds", with extra
+// arguments such as faults ("--reset-at", "3").
+class Simulator {
+ public:
+  explicit Simulator(const ParameterMap& tree, Strings arguments = {});
+  ~Simulator();
+
+  // The requests received, escaped as recorded: "save" arrives as save\r.
+  Strings transcript() const;
+  Strings writes() const;  // without the reads
+  ParameterMap savedTree() const;
+  pid_t pid() const { return pid_; }
+
+ private:
+  std::string directory_;
+  pid_t pid_;
+};
+
+// (priority, message) pairs, e.g. (LOG_USER | LOG_INFO, "Setting ...").
+using Log = std::vector<std::pair<int, std::string>>;
+
+// Binds /dev/log and parses "<PRI>Mmm dd hh:mm:ss tzr4417.cgi[PID]: TEXT";
+// any other datagram is kept whole, with priority -1.
+class SyslogCapture {
+ public:
+  SyslogCapture();
+  ~SyslogCapture();
+
+  // The lines of process `pid`, or of every other process.
+  Log of(pid_t pid, bool others = false);
+  bool waitFor(const std::string& message);
+
+ private:
+  struct Line {
+    int priority;
+    pid_t pid;
+    std::string message;
+  };
+  const std::vector<Line>& lines();
+
+  int fd_;
+  std::vector<Line> lines_;
+};
+
+#endif  // TZR_TESTS_SUPPORT_HARNESS_H_
