@@ -45,4 +45,6 @@ def main(map_path, detail=None):
 
 
 if __name__ == "__main__":
-    main(*sys.argv[1:3])
+    if len(sys.argv) not in (2, 3):
+        sys.exit(__doc__)
+    main(*sys.argv[1:])
