@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project builds, tests and demonstrates
-# with. Run as root; does nothing when everything is already there.
+# with, or only the packages named as arguments (as the ARM cross build
+# does). Run as root; does nothing when everything is already there.
 set -euo pipefail
 
 packages=(build-essential cmake pkg-config libcgicc-dev googletest libgtest-dev libgmock-dev
           lighttpd curl clang-format util-linux)
 
+[ $# -eq 0 ] || packages=("$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
