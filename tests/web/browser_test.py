@@ -55,6 +55,7 @@ class BrowserTest(unittest.TestCase):
 
     def test_1_read(self):
         self.driver.get(f"http://127.0.0.1:{self.port}/console/")
+        self.assertEqual(self.settle(), "Read 4 parameters.")
         self.driver.find_element(By.ID, "add-name").send_keys(NET + "hostname\n")
         self.assertEqual(self.settle(), "Read 5 parameters.")
         for name, value in [("ip_addr", "192.168.1.10"), ("broadcast_addr", "192.168.1.255"), ("hostname", "encoder")]:
