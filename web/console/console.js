@@ -205,7 +205,10 @@ async function write(name, value) {
   const text = await call({write: name, value});
   showRaw(text);
   const {data, note} = parseReply(text);
-  const after = await read(watched);
+  const after = await read(watched).catch((problem) => {
+    problem.message = `Wrote ${name}, but reading the parameters again failed. ${problem.message}`;
+    throw problem;
+  });
 
   clearMarks();
   const changes = $('changes').tBodies[0];
