@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The program's main job on a laptop: installs what is missing, builds,
 # starts the configuration daemon simulator on /tmp/cffs_uds with a copy of
-# the default appliance configuration, and lighttpd on 127.0.0.1 serving
-# tzr4417.cgi; then shows a few requests. `tools/demo.sh stop` stops both.
+# the default appliance configuration, and lighttpd on 127.0.0.1 with the
+# shipped demo configuration serving tzr4417.cgi and the console page; then
+# shows a few requests and the page's address. `tools/demo.sh stop` stops both.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -41,12 +42,11 @@ read -r -t 5 ready <&"${SIMULATOR[0]}" || true
 [ "${ready:-}" = ready ] || { echo "The simulator did not start: see $demo/simulator.log"; exit 1; }
 
 cat >"$demo/lighttpd.conf" <<CONF
-server.document-root = "$demo/www"
-server.bind = "127.0.0.1"
-server.port = $port
-server.modules = ("mod_cgi")
-cgi.assign = (".cgi" => "")
+var.tzr4417_dir = "$root/web/servers/lighttpd"
+var.tzr4417_www = "$demo/www"
+var.tzr4417_port = $port
 server.errorlog = "$demo/lighttpd.log"
+include var.tzr4417_dir + "/demo.conf"
 CONF
 lighttpd -D -f "$demo/lighttpd.conf" </dev/null >>"$demo/lighttpd.log" 2>&1 &
 echo $! >"$demo/lighttpd.pid"
@@ -77,6 +77,8 @@ echo "\$ tail -n 4 $demo/transcript"
 tail -n 4 "$demo/transcript"
 echo "\$ grep /network/ $demo/appliance.conf"
 grep /network/ "$demo/appliance.conf"
+echo
+echo "The console page: http://127.0.0.1:$port/console/"
 echo
 echo "More to try:"
 echo "  curl -s '$url?read=/configuration/encoders/venc1/h264/bitrate'"

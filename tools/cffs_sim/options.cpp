@@ -10,7 +10,9 @@ namespace cffs_sim {
 const char kUsage[] =
     "usage: cffs-sim [--socket PATH] [--config FILE] [--transcript FILE] [--verbose]\n"
     "                [--no-listen] [--reset-at K] [--hangup-at K]\n"
-    "                [--chunk N] [--chunk-gap-ms MS] [--delay-ms MS] [--trailer TEXT]\n";
+    "                [--chunk N] [--chunk-gap-ms MS] [--delay-ms MS] [--delay-command WORD]\n"
+    "                [--trailer TEXT]\n"
+    "--delay-command WORD: --delay-ms holds back only the replies to WORD requests\n";
 
 namespace {
 
@@ -76,6 +78,8 @@ ParseResult ParseOptions(const std::vector<std::string>& args, Options* options,
       options->config_file = value;
     } else if (name == "--transcript") {
       options->transcript_file = value;
+    } else if (name == "--delay-command") {
+      options->delay_command = value;
     } else if (name == "--trailer") {
       options->trailer = Unescape(value);
     } else {

@@ -2,7 +2,8 @@
 //
 //   cffs-sim [--socket PATH] [--config FILE] [--transcript FILE] [--verbose]
 //            [--no-listen] [--reset-at K] [--hangup-at K]
-//            [--chunk N] [--chunk-gap-ms MS] [--delay-ms MS] [--trailer TEXT]
+//            [--chunk N] [--chunk-gap-ms MS] [--delay-ms MS] [--delay-command WORD]
+//            [--trailer TEXT]
 //
 // Each option is its own argument followed by its value as the next one
 // ("--chunk 3", not "--chunk=3").  Numbers are plain decimal.
@@ -29,7 +30,11 @@ struct Options {
   size_t chunk = 0;        // Send replies in pieces of at most this many bytes; 0: whole.
   int chunk_gap_ms = 20;   // Pause between pieces; only with `chunk`.
   int delay_ms = 0;        // Pause before the greeting and before each reply.
-  std::string trailer;     // Decoded; sent after every prompt, greeting included.
+  // Non-empty: --delay-ms holds back only replies to requests whose command
+  // word (up to the first blank) is this one, and not the greeting; so a
+  // test can keep a client's "apply" waiting while its reads go at once.
+  std::string delay_command;
+  std::string trailer;  // Decoded; sent after every prompt, greeting included.
 };
 
 enum class ParseResult { kRun, kHelp, kError };

@@ -86,6 +86,7 @@ class Server {
   void Process(Connection& c);
   void Flush(Connection& c, Clock::time_point now);
   void Log(const Connection& c, const std::string& message) const;
+  std::chrono::milliseconds DelayFor(std::string_view text) const;
 
   const Options& options_;
   Tree* const tree_;
@@ -103,6 +104,12 @@ Server::~Server() {
   connections_.clear();
   if (listen_fd_ >= 0) ::close(listen_fd_);
   if (bound_) ::unlink(options_.socket_path.c_str());
+}
+
+std::chrono::milliseconds Server::DelayFor(std::string_view text) const {
+  if (options_.delay_command.empty()) return delay_;
+  return text.substr(0, text.find(' ')) == options_.delay_command ? delay_
+                                                                  : std::chrono::milliseconds(0);
 }
 
 void Server::Log(const Connection& c, const std::string& message) const {
@@ -166,7 +173,7 @@ void Server::Accept(Clock::time_point now) {
       Log(*c, "hangup-at 0: closing before the greeting");
       continue;
     }
-    c->output.Push(kGreeting, options_.trailer, now + delay_);
+    c->output.Push(kGreeting, options_.trailer, now + DelayFor(""));
     connections_.push_back(std::move(c));
   }
 }
@@ -247,9 +254,10 @@ void Server::Process(Connection& c) {
       c.reading = false;
       break;
     }
-    const std::string reply = Reply(RequestText(request), tree_, options_.config_file);
+    const std::string_view text = RequestText(request);
+    const std::string reply = Reply(text, tree_, options_.config_file);
     Log(c, "reply " + std::to_string(reply.size()) + " bytes " + Preview(reply));
-    c.output.Push(reply, options_.trailer, Clock::now() + delay_);
+    c.output.Push(reply, options_.trailer, Clock::now() + DelayFor(text));
   }
   c.input.erase(0, offset);
   if (!c.reading) c.input.clear();
