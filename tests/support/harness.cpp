@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -43,29 +44,46 @@ ParameterMap treeIn(const std::string& path) {
   return ParameterMap(tree.begin(), tree.end());
 }
 
+// A cross build's programs run through the emulator (qemu-user): the build
+// machine knows no other way to start them.
+[[noreturn]] void execTarget(const char* program, Strings arguments, char** envp) {
+  Strings command;
+  std::istringstream emulator(TZR_EMULATOR);
+  for (std::string word; emulator >> word;) command.push_back(word);
+  command.push_back(program);
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  std::vector<char*> argv;
+  for (std::string& word : command) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  execve(argv[0], argv.data(), envp);
+  _exit(127);
+}
+
 [[noreturn]] void execCgi(const CgiRequest& request, int in, int out) {
   dup2(in, 0);
   dup2(out, 1);
   signal(SIGPIPE, SIG_DFL);
   if (request.forkFails) {
-    rlimit one = {1, 1};
+    // An emulated process has a helper thread of the emulator's beside it.
+    const rlim_t tasks = std::string(TZR_EMULATOR).empty() ? 1 : 2;
+    rlimit limit = {tasks, tasks};
     const uid_t nobody = 65534;
-    check(setrlimit(RLIMIT_NPROC, &one) == 0 && setgid(nobody) == 0 && setuid(nobody) == 0,
+    check(setrlimit(RLIMIT_NPROC, &limit) == 0 && setgid(nobody) == 0 && setuid(nobody) == 0,
           "become nobody");
   }
-  // cgicc needs no more of the environment; the first of a name counts.
+  // cgicc needs no more of the environment than this.
+  std::map<std::string, std::string> variables = {
+      {"REQUEST_METHOD", request.method},
+      {"QUERY_STRING", request.query},
+      {"CONTENT_LENGTH", std::to_string(request.body.size())},
+      {"CONTENT_TYPE", request.contentType}};
+  for (const auto& [name, value] : request.env) variables[name] = value;
   std::vector<std::string> env;
-  for (const auto& [name, value] : request.env) env.push_back(name + "=" + value);
-  env.push_back("REQUEST_METHOD=" + request.method);
-  env.push_back("QUERY_STRING=" + request.query);
-  env.push_back("CONTENT_LENGTH=" + std::to_string(request.body.size()));
-  env.push_back("CONTENT_TYPE=" + request.contentType);
   std::vector<char*> envp;
+  for (const auto& [name, value] : variables) env.push_back(name + "=" + value);
   for (std::string& entry : env) envp.push_back(entry.data());
   envp.push_back(nullptr);
-  char* argv[] = {const_cast<char*>(TZR_CGI_PATH), nullptr};
-  execve(TZR_CGI_PATH, argv, envp.data());
-  _exit(127);
+  execTarget(TZR_CGI_PATH, {}, envp.data());
 }
 
 }  // namespace
@@ -83,7 +101,9 @@ void enterPrivateSystem() {
                 nullptr) == 0,
           "bind a device");
   }
-  check(prctl(PR_SET_CHILD_SUBREAPER, 1) == 0, "PR_SET_CHILD_SUBREAPER");
+  // qemu-user refuses this: under emulation tests/support/subreaper.c has
+  // done it before it started the emulator.
+  check(prctl(PR_SET_CHILD_SUBREAPER, 1) == 0 || getenv("TZR_SUBREAPER"), "PR_SET_CHILD_SUBREAPER");
 }
 
 bool waitUntil(const std::function<bool()>& done, Millis limit) {
@@ -162,19 +182,15 @@ Simulator::Simulator(const ParameterMap& tree, Strings arguments) {
   directory_ = mkdtemp(pattern);
   std::ofstream(directory_ + "/tree.conf", std::ios::binary)
       << cffs_sim::FormatTree(cffs_sim::Tree(tree.begin(), tree.end()));
-  arguments.insert(arguments.begin(), {TZR_SIM_PATH, "--config", directory_ + "/tree.conf",
-                                       "--transcript", directory_ + "/transcript"});
-  std::vector<char*> argv;
-  for (std::string& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
+  arguments.insert(arguments.begin(), {"--config", directory_ + "/tree.conf", "--transcript",
+                                       directory_ + "/transcript"});
   int ready[2];
   check(pipe2(ready, O_CLOEXEC) == 0, "pipe");
   pid_ = fork();
   if (pid_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);  // never outlive the test
     dup2(ready[1], 1);
-    execv(TZR_SIM_PATH, argv.data());
-    _exit(127);
+    execTarget(TZR_SIM_PATH, arguments, environ);
   }
   close(ready[1]);
   // "ready" once it listens; end of file if it could not start.

@@ -1,6 +1,7 @@
 """tzr4417.cgi behind a real web server with the shipped configuration.
 argv: CGI SIMULATOR lighttpd|busybox"""
 import contextlib, json, os, sys, time, unittest
+from pathlib import Path
 import webenv
 from webenv import IP, PROGRAM, USER, request
 
@@ -75,9 +76,9 @@ class ServerTest(unittest.TestCase):
         """What fds 0-2 of this process's children running the program are."""
         found = []
         for pid in filter(str.isdigit, os.listdir("/proc")):
-            with contextlib.suppress(OSError), open(f"/proc/{pid}/stat") as f:
-                name, _, fields = f.read().partition("(")[2].rpartition(")")
-                if name == "tzr4417.cgi" and int(fields.split()[1]) == os.getpid():
+            with contextlib.suppress(OSError), open(f"/proc/{pid}/stat") as stat:
+                parent = int(stat.read().rpartition(")")[2].split()[1])
+                if parent == os.getpid() and b"tzr4417.cgi" in Path(f"/proc/{pid}/cmdline").read_bytes():
                     found += [os.readlink(f"/proc/{pid}/fd/{fd}") for fd in range(3)]
         return found
 

@@ -8,6 +8,8 @@ CGI, SIM = map(os.path.abspath, sys.argv[1:3])
 PROGRAM, IP = "/cgi-bin/tzr4417.cgi", "/configuration/network/ip_addr"
 USER = ("admin", "s3cret")
 LIBC = ctypes.CDLL(None, use_errno=True)
+# A cross build's programs start through the emulator (qemu-user).
+EMULATOR = os.environ.get("TZR_EMULATOR", "").split()
 
 
 def isolate():
@@ -22,7 +24,11 @@ def isolate():
             sys.exit(f"mount {target}: {os.strerror(ctypes.get_errno())}")
     LIBC.prctl(36, 1)  # PR_SET_CHILD_SUBREAPER
     os.makedirs("/tmp/www/cgi-bin")
-    os.symlink(CGI, "/tmp/www/cgi-bin/tzr4417.cgi")
+    if EMULATOR:
+        Path("/tmp/www/cgi-bin/tzr4417.cgi").write_text(f"#!/bin/sh\nexec {' '.join(EMULATOR)} {CGI}\n")
+        os.chmod("/tmp/www/cgi-bin/tzr4417.cgi", 0o755)
+    else:
+        os.symlink(CGI, "/tmp/www/cgi-bin/tzr4417.cgi")
     Path("/tmp/www/cgi-bin/notes.txt").write_text("not for strangers\n")
     shutil.copytree(SRC / "web/console", "/tmp/www/console")
     shutil.copy(SRC / "tools/appliance-default.conf", "/tmp/www/console/parameters.conf")
@@ -45,7 +51,7 @@ class Simulator:
     def __init__(self, *options):
         shutil.copy(SRC / "tools/appliance-default.conf", "/tmp/appliance.conf")
         with open("/tmp/simulator.log", "w") as log:
-            self.proc = spawn([SIM, "--config", "/tmp/appliance.conf", "--transcript", "/tmp/transcript",
+            self.proc = spawn([*EMULATOR, SIM, "--config", "/tmp/appliance.conf", "--transcript", "/tmp/transcript",
                                "--verbose", *options], stdout=subprocess.PIPE, stderr=log, text=True)
         assert self.proc.stdout.readline() == "ready\n", "the simulator did not start"
 

@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Runs the whole test suite, unit, end-to-end and web, against the ARM build
+# of the program under qemu-user (armhf on a Cortex-A7 model, armel on an
+# ARMv5 model, arm64 on a Cortex-A53 model):
+#   tools/test-arm.sh armhf|armel|arm64
+set -euo pipefail
+cd "$(dirname "$0")/.."
+arch=${1:?usage: tools/test-arm.sh armhf|armel|arm64}
+build=build/$arch
+
+tools/install-deps.sh
+tools/build-arm.sh "$arch" >/dev/null
+# qemu-user refuses to make a process a child subreaper; this native
+# launcher does it before it starts the emulator (the attribute survives exec).
+cc -O2 -Wall -Wextra -Werror -o "$build/subreaper" tests/support/subreaper.c
+cmake "$build" -DTZR_SUBREAPER="$PWD/$build/subreaper" >/dev/null
+cmake --build "$build" -j"$(nproc)"
+cd "$build"
+ctest -j"$(nproc)" --output-on-failure --timeout 300
