@@ -2,6 +2,8 @@
 // CGI program and its tests run anywhere.  See options.h for the command
 // line, protocol.h for what it answers and server.h for the fault injection.
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -26,6 +28,7 @@ int main(int argc, char** argv) {
   }
 
   cffs_sim::Tree tree;
+  if (!options.config_file.empty()) ::unlink(cffs_sim::SavingFile(options.config_file).c_str());
   if (!options.config_file.empty() && !cffs_sim::LoadTree(options.config_file, &tree, &error)) {
     std::fprintf(stderr, "cffs-sim: cannot read %s: %s\n", options.config_file.c_str(),
                  error.c_str());

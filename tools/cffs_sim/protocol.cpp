@@ -52,6 +52,8 @@ std::string_view RequestText(std::string_view request) {
   return request;
 }
 
+std::string TooLongReply() { return Answer("Request too long\r\n"); }
+
 std::string Reply(std::string_view text, Tree* tree, const std::string& config_file) {
   if (text.empty()) return Answer("");
   const size_t blank = text.find(' ');

@@ -40,8 +40,8 @@ namespace cffs_sim {
 inline constexpr std::string_view kPrompt = "/> ";
 inline constexpr std::string_view kGreeting = "Configuration daemon simulator\r\n/> ";
 
-// The longest request text accepted, CR not counted.  A client that sends
-// more without a CR is broken or hostile and loses its connection.
+// The longest request carried out, CR not counted.  A longer one is answered
+// by TooLongReply().
 inline constexpr size_t kMaxRequestBytes = 1 << 20;
 
 // The length of the first complete request in `input`, its CR included, or
@@ -54,6 +54,9 @@ std::string_view RequestText(std::string_view request);
 // The full reply to the request `text`, prompt included.  "put" changes
 // *tree; "save" writes it to `config_file`, or fails if that is empty.
 std::string Reply(std::string_view text, Tree* tree, const std::string& config_file);
+
+// "Request too long\r\n" and the prompt.
+std::string TooLongReply();
 
 }  // namespace cffs_sim
 

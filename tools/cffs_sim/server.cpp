@@ -31,6 +31,7 @@ volatile sig_atomic_t g_stop = 0;
 void OnStopSignal(int) { g_stop = 1; }
 
 constexpr size_t kReadChunk = 64 * 1024;
+constexpr size_t kLongHead = 64;
 constexpr size_t kMaxUnsentBytes = 1 << 20;
 // How long to stop accepting when out of file descriptors; polling the
 // listener meanwhile would spin.
@@ -46,6 +47,9 @@ struct Connection {
   const int id;
   std::string input;  // Read from the socket, not yet a whole request.
   int requests = 0;   // Requests framed so far.
+  // Of a request too long to keep: its first bytes and how many were dropped.
+  std::string long_head;
+  size_t long_dropped = 0;
   OutputQueue output;
   bool reading = true;   // False after end of file or --hangup-at.
   bool blocked = false;  // The kernel refused the last send(); wait for POLLOUT.
@@ -239,15 +243,20 @@ void Server::Process(Connection& c) {
   while (c.reading) {
     const size_t length = FrameRequest(input.substr(offset));
     if (length == 0) break;
-    if (length - 1 > kMaxRequestBytes) {
-      Log(c, "request too long: dropping the connection");
-      c.dead = true;
-      return;
-    }
-    const std::string_view request = input.substr(offset, length);
+    std::string_view request = input.substr(offset, length);
     offset += length;
     ++c.requests;
-    transcript_.Record(request);
+    // A request too long to keep is answered all the same, but not carried
+    // out; the transcript gets its first bytes and its length.
+    const size_t size = c.long_dropped + length;
+    const bool too_long = size - 1 > kMaxRequestBytes;
+    if (c.long_dropped == 0) c.long_head = std::string(request.substr(0, kLongHead));
+    c.long_dropped = 0;
+    if (too_long) {
+      transcript_.Record(c.long_head + "... (" + std::to_string(size) + " bytes)");
+    } else {
+      transcript_.Record(request);
+    }
     Log(c, "request " + std::to_string(c.requests) + " " + Preview(request));
     if (c.requests == options_.hangup_at) {
       Log(c, "hangup-at " + std::to_string(c.requests) + ": closing without a reply");
@@ -255,15 +264,17 @@ void Server::Process(Connection& c) {
       break;
     }
     const std::string_view text = RequestText(request);
-    const std::string reply = Reply(text, tree_, options_.config_file);
+    const std::string reply = too_long ? TooLongReply() : Reply(text, tree_, options_.config_file);
     Log(c, "reply " + std::to_string(reply.size()) + " bytes " + Preview(reply));
     c.output.Push(reply, options_.trailer, Clock::now() + DelayFor(text));
   }
   c.input.erase(0, offset);
   if (!c.reading) c.input.clear();
   if (c.input.size() > kMaxRequestBytes) {
-    Log(c, "request too long: dropping the connection");
-    c.dead = true;
+    // Memory stays bounded: drop what came so far and wait for the CR.
+    if (c.long_dropped == 0) c.long_head = c.input.substr(0, kLongHead);
+    c.long_dropped += c.input.size();
+    c.input.clear();
   }
 }
 

@@ -16,7 +16,9 @@
 // - --hangup-at K: request K is read and recorded, then no more is read and
 //   the connection is closed once replies to earlier requests have gone out:
 //   the peer sees end of file.  K = 0 closes right after accept().
-// - A request longer than kMaxRequestBytes drops the connection at once.
+// - A request longer than kMaxRequestBytes is answered "Request too long"
+//   and not carried out; the transcript keeps its first 64 bytes, "... (",
+//   its length and " bytes)". Memory stays bounded while it arrives.
 // - A client whose unsent replies pile up past 1 MiB is not read from until
 //   it reads some of them.
 //

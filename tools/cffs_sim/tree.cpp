@@ -57,6 +57,8 @@ std::string DirectoryOf(const std::string& file) {
 
 }  // namespace
 
+std::string SavingFile(const std::string& file) { return file + ".saving"; }
+
 Tree ParseTree(std::string_view text) {
   Tree tree;
   while (!text.empty()) {
@@ -107,11 +109,13 @@ bool LoadTree(const std::string& file, Tree* tree, std::string* error) {
 }
 
 bool SaveTree(const Tree& tree, const std::string& file, std::string* error) {
-  std::string temp = file + ".XXXXXX";
-  const int fd = ::mkstemp(temp.data());
+  // One name, not a fresh one per save: a save cut short by a crash leaves
+  // at most this file, which the next save starts over.
+  const std::string temp = SavingFile(file);
+  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return Fail(error);
 
-  // mkstemp() creates the file 0600; a save must not tighten the original.
+  // A save must not loosen or tighten the original's permissions.
   struct stat original;
   const mode_t mode = ::stat(file.c_str(), &original) == 0 ? (original.st_mode & 07777) : 0644;
   bool ok = ::fchmod(fd, mode) == 0 && WriteAll(fd, FormatTree(tree)) && ::fsync(fd) == 0;

@@ -40,11 +40,15 @@ std::string FormatTree(const Tree& tree);
 bool LoadTree(const std::string& file, Tree* tree, std::string* error);
 
 // Writes `tree` to `file` so that a crash at any point leaves either the old
-// or the new file complete: a temporary file in the same directory is
+// or the new file complete: SavingFile(file) in the same directory is
 // written and fsync'ed, renamed over `file`, then the directory is fsync'ed.
 // The new file keeps the old one's permission bits.  On failure returns
 // false, sets *error to the strerror() text and removes the temporary file.
 bool SaveTree(const Tree& tree, const std::string& file, std::string* error);
+
+// FILE.saving: where a save writes before it renames. A crash in a save
+// leaves it behind; the simulator removes it when it starts.
+std::string SavingFile(const std::string& file);
 
 // If `dir` names a directory of `tree` (some stored path continues it past
 // a '/'), fills *names with its direct children in order and returns true.
