@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -127,6 +128,17 @@ std::vector<pid_t> children() {
   return pids;
 }
 
+bool asleep(pid_t pid) {
+  const auto ticks = [pid] {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    const Strings fields{std::istream_iterator<std::string>(stat), {}};
+    return std::stol(fields.at(13)) + std::stol(fields.at(14));  // user and system time
+  };
+  const long before = ticks();
+  std::this_thread::sleep_for(Millis(100));
+  return ticks() - before <= 1;
+}
+
 bool reapAllChildren() {
   return waitUntil([] {
     pid_t pid;
@@ -177,20 +189,26 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
 
 ParameterMap defaultTree() { return treeIn(TZR_DEFAULT_CONFIG); }
 
-Simulator::Simulator(const ParameterMap& tree, Strings arguments) {
+Simulator::Simulator(const ParameterMap& tree, Strings arguments) : arguments_(arguments) {
   char pattern[] = "/tmp/sim-XXXXXX";
   directory_ = mkdtemp(pattern);
   std::ofstream(directory_ + "/tree.conf", std::ios::binary)
       << cffs_sim::FormatTree(cffs_sim::Tree(tree.begin(), tree.end()));
-  arguments.insert(arguments.begin(), {"--config", directory_ + "/tree.conf", "--transcript",
-                                       directory_ + "/transcript"});
+  arguments_.insert(arguments_.begin(), {"--config", directory_ + "/tree.conf", "--transcript",
+                                         directory_ + "/transcript"});
+  start();
+}
+
+Simulator::~Simulator() { stop(SIGTERM); }
+
+void Simulator::start() {
   int ready[2];
   check(pipe2(ready, O_CLOEXEC) == 0, "pipe");
   pid_ = fork();
   if (pid_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);  // never outlive the test
     dup2(ready[1], 1);
-    execTarget(TZR_SIM_PATH, arguments, environ);
+    execTarget(TZR_SIM_PATH, arguments_, environ);
   }
   close(ready[1]);
   // "ready" once it listens; end of file if it could not start.
@@ -201,8 +219,8 @@ Simulator::Simulator(const ParameterMap& tree, Strings arguments) {
   chmod("/tmp/cffs_uds", 0777);  // for a program run as nobody
 }
 
-Simulator::~Simulator() {
-  kill(pid_, SIGTERM);
+void Simulator::stop(int signal) {
+  kill(pid_, signal);
   waitpid(pid_, nullptr, 0);
 }
 

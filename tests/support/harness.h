@@ -31,6 +31,10 @@ std::vector<pid_t> children();
 // Reaps children as they end; true once none is left.
 bool reapAllChildren();
 
+// Whether `pid` takes no CPU time over a tenth of a second: it waits asleep,
+// where a spinning wait would take all of it.
+bool asleep(pid_t pid);
+
 // One run of the shipped tzr4417.cgi as a web server makes it: a CGI
 // environment, the body on stdin, stdout until every holder lets go of it.
 struct CgiRequest {
@@ -67,10 +71,15 @@ class Simulator {
   Strings transcript() const;
   Strings writes() const;  // without the reads
   ParameterMap savedTree() const;
+  const std::string& directory() const { return directory_; }  // tree.conf, transcript
   pid_t pid() const { return pid_; }
+
+  void stop(int signal);  // and waits for it
+  void start();           // again, on the tree as saved
 
  private:
   std::string directory_;
+  Strings arguments_;
   pid_t pid_;
 };
 
