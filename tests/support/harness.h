@@ -37,6 +37,7 @@ bool asleep(pid_t pid);
 
 // One run of the shipped tzr4417.cgi as a web server makes it: a CGI
 // environment, the body on stdin, stdout until every holder lets go of it.
+// TZR_CGI_WRAPPER, if set, is a command to run it under (tools/memcheck.sh).
 struct CgiRequest {
   std::string query = {};
   std::string method = "GET";
