@@ -41,11 +41,11 @@ for target in "${targets[@]}"; do
     "$binary" -timeout=10 -rss_limit_mb=1024 fuzz/regressions/"$target"/* >>"$log" 2>&1 || status=$?
   fi
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1 || true)
-  coverage=$(grep -o 'cov: [0-9]* ft: [0-9]* corp: [0-9]*' "$log" | tail -n 1 || true)
+  coverage=$(grep -ao 'cov: [0-9]* ft: [0-9]* corp: [0-9]*' "$log" | tail -n 1 || true)
   echo "fuzz_$target: ${runs:-?} executions, ${coverage:-no coverage line}, exit status $status"
   if [ "$status" -ne 0 ]; then
     failed+=("$target")
-    grep -E '^(==[0-9]+==ERROR|SUMMARY|artifact_prefix|Test unit written)|ERROR: libFuzzer' "$log" || tail -n 30 "$log"
+    grep -aE '^(==[0-9]+==ERROR|SUMMARY|artifact_prefix|Test unit written)|ERROR: libFuzzer' "$log" || tail -n 30 "$log"
   fi
 done
 if [ ${#failed[@]} -gt 0 ]; then
