@@ -1,0 +1,81 @@
+#include "fake_daemon.h"
+
+#include <errno.h>
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <random>
+
+namespace {
+
+constexpr char kPrompt[] = "/> ";
+DaemonScript script;
+size_t sent = 0;  // of script.stream
+size_t answered = 0;
+std::minstd_rand chunks;
+int listener = -1;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  sockaddr_un address{AF_UNIX, "/tmp/cffs_uds"};
+  listener = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
+      bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+      listen(listener, 64) != 0 || freopen("/dev/null", "w", stdout) == nullptr) {
+    perror("fake daemon: private /tmp/cffs_uds");
+    abort();
+  }
+  setlogmask(LOG_MASK(LOG_EMERG));  // a level the program never logs at
+  return 0;
+}
+
+void playDaemon(DaemonScript next) {
+  // Connections are only ever queued: let go of the last run's.
+  for (int fd; (fd = accept(listener, nullptr, nullptr)) >= 0;) close(fd);
+  script = std::move(next);
+  sent = answered = 0;
+  chunks.seed(script.seed);
+}
+
+DaemonScript answeringScript(FuzzedDataProvider& in) {
+  DaemonScript s;
+  s.seed = in.ConsumeIntegral<unsigned>();
+  s.maxChunk = in.ConsumeIntegralInRange<size_t>(1, 70000);
+  s.resetWhenDry = in.ConsumeBool();
+  s.stream = in.ConsumeRandomLengthString() + kPrompt;
+  while (in.remaining_bytes() > 0) s.answers.push_back(in.ConsumeRandomLengthString());
+  return s;
+}
+
+// A request is one line sent at once: a carriage return at its end and no
+// line break or NUL before, else the daemon would see more than one command.
+extern "C" ssize_t send(int, const void* data, size_t size, int) {
+  const std::string line(static_cast<const char*>(data), size);
+  if (size == 0 || line.find_first_of(std::string("\r\n\0", 3)) != size - 1 || line.back() != '\r')
+    abort();
+  if (answered < script.answers.size()) script.stream += script.answers[answered++] + kPrompt;
+  return static_cast<ssize_t>(size);
+}
+
+extern "C" ssize_t recv(int, void* buffer, size_t size, int) {
+  if (sent == script.stream.size()) {
+    if (script.resetWhenDry) {
+      errno = ECONNRESET;
+      return -1;
+    }
+    script.stream += kPrompt;  // every reply gets its end: nothing can hang
+  }
+  size_t n = std::min({size, script.stream.size() - sent, 1 + chunks() % script.maxChunk});
+  memcpy(buffer, script.stream.data() + sent, n);
+  sent += n;
+  return static_cast<ssize_t>(n);
+}

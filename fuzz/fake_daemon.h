@@ -1,0 +1,29 @@
+// The configuration daemon, played in process for the fuzz targets that link
+// fake_daemon.cpp. Its LLVMFuzzerInitialize (needs root) enters a private
+// mount namespace with a tmpfs on /tmp where "/tmp/cffs_uds" listens, mutes
+// syslog and sends stdout to /dev/null. Its send() and recv() take the C
+// library's place for the program: send() checks and swallows each request
+// line, recv() hands out the script in chunks of fuzzer-chosen sizes.
+#ifndef TZR_FUZZ_FAKE_DAEMON_H_
+#define TZR_FUZZ_FAKE_DAEMON_H_
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <string>
+#include <vector>
+
+struct DaemonScript {
+  std::string stream;                // sent from the start, as it is
+  std::vector<std::string> answers;  // one per request, each with the prompt
+  unsigned seed = 0;                 // draws the chunk sizes, 1..maxChunk
+  size_t maxChunk = 1;
+  bool resetWhenDry = false;  // with all sent: ECONNRESET, not more prompts
+};
+
+// The script of the next run's connection.
+void playDaemon(DaemonScript script);
+
+// A greeting and answers from the front of `in`, the rest from its end.
+DaemonScript answeringScript(FuzzedDataProvider& in);
+
+#endif  // TZR_FUZZ_FAKE_DAEMON_H_

@@ -1,0 +1,63 @@
+// The request front end: cgicc parses an environment and a body made of the
+// fuzzer's bytes, and the request runs against the fake daemon. fork() fails
+// here, so a write takes the program's own fork-failure path and runs to its
+// end in this process instead of exiting.
+#include <cgicc/CgiInput.h>
+#include <errno.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <exception>
+#include <map>
+
+#include "cgi/dispatch.h"
+#include "fake_daemon.h"
+
+namespace {
+
+// cgicc allocates CONTENT_LENGTH bytes before it reads: larger claims are
+// for the web server's request-size limit to refuse.
+constexpr long kMaxContentLength = 1 << 20;
+
+struct FuzzInput : cgicc::CgiInput {
+  std::map<std::string, std::string> env;
+  std::string body;
+
+  size_t read(char* data, size_t length) override {
+    size_t n = body.copy(data, length);
+    body.erase(0, n);
+    return n;
+  }
+  std::string getenv(const char* name) override { return env.count(name) ? env[name] : ""; }
+};
+
+}  // namespace
+
+extern "C" pid_t fork() {
+  errno = EAGAIN;
+  return -1;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  FuzzedDataProvider in(data, size);
+  FuzzInput input;
+  input.env["REQUEST_METHOD"] = in.PickValueInArray({"GET", "POST", "post", "PUT", "HEAD"});
+  input.env["QUERY_STRING"] = in.ConsumeRandomLengthString();
+  const std::string boundary = in.ConsumeRandomLengthString(80);
+  const std::string types[] = {"application/x-www-form-urlencoded",
+                               "multipart/form-data; boundary=" + boundary, boundary};
+  input.env["CONTENT_TYPE"] = in.PickValueInArray(types);
+  input.body = in.ConsumeRandomLengthString();
+  // The body's own length, or any short text (negative and garbage too).
+  std::string length = std::to_string(input.body.size());
+  if (!in.ConsumeBool()) length = in.ConsumeRandomLengthString(12);
+  if (atol(length.c_str()) > kMaxContentLength) length = std::to_string(input.body.size());
+  input.env["CONTENT_LENGTH"] = length;
+  playDaemon(answeringScript(in));
+  try {
+    dispatchRequest(&input);
+  } catch (const std::exception&) {
+    // main() answers 500 to any exception, and that is all.
+  }
+  return 0;
+}
