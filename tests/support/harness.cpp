@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdio.h>
@@ -98,8 +99,7 @@ ParameterMap treeIn(const std::string& path) {
   execTarget(TZR_CGI_PATH, {}, envp.data(), getenv("TZR_CGI_WRAPPER"));
 }
 
-}  // namespace
-
+// Aborts when impossible, as nothing could run safely.
 void enterPrivateSystem() {
   check(unshare(CLONE_NEWNS) == 0, "unshare(CLONE_NEWNS)");
   check(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
@@ -117,6 +117,15 @@ void enterPrivateSystem() {
   // done it before it started the emulator.
   check(prctl(PR_SET_CHILD_SUBREAPER, 1) == 0 || getenv("TZR_SUBREAPER"), "PR_SET_CHILD_SUBREAPER");
 }
+
+// Every test program enters it before its first test runs (not when its
+// tests are only listed).
+struct PrivateSystem : testing::Environment {
+  void SetUp() override { enterPrivateSystem(); }
+};
+testing::Environment* const kPrivateSystem = testing::AddGlobalTestEnvironment(new PrivateSystem);
+
+}  // namespace
 
 bool waitUntil(const std::function<bool()>& done, Millis limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;

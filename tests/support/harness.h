@@ -20,8 +20,6 @@
 using Strings = std::vector<std::string>;
 using Millis = std::chrono::milliseconds;
 
-void enterPrivateSystem();  // aborts when impossible
-
 // Checks `done` every millisecond until it holds or `limit` has passed.
 bool waitUntil(const std::function<bool()>& done, Millis limit = Millis(5000));
 

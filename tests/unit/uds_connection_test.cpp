@@ -18,34 +18,6 @@ namespace {
 
 const ParameterMap kTree = {{"/a", "abc"}, {"/p", "x/> y"}};
 
-TEST(UdsConnectionTest, OpenFailures) {
-  rlimit limit;
-  getrlimit(RLIMIT_NOFILE, &limit);
-  const struct {
-    const char* daemon;
-    UdsStatus status;
-    int error;
-    std::string text;
-  } rows[] = {{"none", UdsStatus::ConnectFailed, ENOENT, "UDS connect failed: "},
-              {"--no-listen", UdsStatus::ConnectFailed, ECONNREFUSED, "UDS connect failed: "},
-              {"no descriptor left", UdsStatus::OpenFailed, EMFILE, "UDS open failed: "}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.daemon);
-    std::unique_ptr<Simulator> sim(row.error == ECONNREFUSED ? new Simulator(kTree, {row.daemon})
-                                                             : nullptr);
-    // The lowest free descriptor as the limit leaves no room for the socket.
-    rlimit low = {static_cast<rlim_t>(dup(0)), limit.rlim_max};
-    close(static_cast<int>(low.rlim_cur));
-    if (row.error == EMFILE) setrlimit(RLIMIT_NOFILE, &low);
-    UdsConnection connection;
-    setrlimit(RLIMIT_NOFILE, &limit);
-    EXPECT_FALSE(connection.isOpen());
-    EXPECT_EQ(row.status, connection.status());
-    EXPECT_EQ(row.error, connection.savedErrno());
-    EXPECT_EQ(row.text + strerror(row.error), connection.statusText());
-  }
-}
-
 // Each request goes out with one CR unless it has one; each reply ends at the
 // first prompt however the chunks split it, and whatever follows the prompt in
 // its chunk is dropped ("/p" holds a prompt of its own, so it comes last).
@@ -68,39 +40,49 @@ TEST(UdsConnectionTest, ExchangesRequestsAndReplies) {
   }
 }
 
-// A failed send or receive closes the connection for good: later exchanges
-// fail without touching their reply. A daemon that has gone shows as an
-// error, never as a SIGPIPE that would end the program.
-TEST(UdsConnectionTest, TransportFailuresCloseTheConnection) {
+// Every failure closes the connection for good: later exchanges fail without
+// touching their reply. A daemon that has gone shows as an error, never as a
+// SIGPIPE that would end the program.
+TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
   signal(SIGPIPE, SIG_DFL);
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
   const struct {
+    Strings daemon;  // the simulator's arguments, if one runs
     UdsStatus status;
     int error;
     std::string text;
-  } rows[] = {{UdsStatus::WriteFailed, EPIPE, "UDS write failed: "},
-              {UdsStatus::ReadFailed, ECONNRESET, "UDS read failed: "}};
+  } rows[] = {{{}, UdsStatus::ConnectFailed, ENOENT, "UDS connect failed: "},
+              {{"--no-listen"}, UdsStatus::ConnectFailed, ECONNREFUSED, "UDS connect failed: "},
+              {{}, UdsStatus::OpenFailed, EMFILE, "UDS open failed: "},  // no descriptor left
+              {{"--reset-at", "1"}, UdsStatus::ReadFailed, ECONNRESET, "UDS read failed: "},
+              {{}, UdsStatus::WriteFailed, EPIPE, "UDS write failed: "}};  // greets, hangs up
   for (const auto& row : rows) {
-    std::unique_ptr<Simulator> sim;
+    SCOPED_TRACE(row.text);
+    std::unique_ptr<Simulator> sim(row.daemon.empty() ? nullptr : new Simulator(kTree, row.daemon));
     std::thread daemon;
-    if (row.status == UdsStatus::ReadFailed) {
-      sim.reset(new Simulator(kTree, {"--reset-at", "1"}));
-    } else {  // one of our own that greets and hangs up
+    if (row.error == EPIPE) {
       int listener = socket(AF_UNIX, SOCK_STREAM, 0);
       sockaddr_un address = {AF_UNIX, "/tmp/cffs_uds"};
       ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address));
       ASSERT_EQ(0, listen(listener, 1));
       daemon = std::thread([listener] {
-        int peer = accept(listener, nullptr, nullptr);
+        const int peer = accept(listener, nullptr, nullptr);
         send(peer, "/> ", 3, 0);
         close(peer);
         close(listener);
         unlink("/tmp/cffs_uds");
       });
     }
+    // The lowest free descriptor as the limit leaves no room for the socket.
+    rlimit low = {static_cast<rlim_t>(dup(0)), limit.rlim_max};
+    close(static_cast<int>(low.rlim_cur));
+    if (row.error == EMFILE) setrlimit(RLIMIT_NOFILE, &low);
     UdsConnection connection;
+    setrlimit(RLIMIT_NOFILE, &limit);
     if (daemon.joinable()) daemon.join();
-    std::string reply;
-    EXPECT_FALSE(connection.execute("ls /a", reply));
+    std::string reply = "kept";
+    EXPECT_FALSE(connection.isOpen() && connection.execute("ls /a", reply));
     EXPECT_EQ(row.status, connection.status());
     EXPECT_EQ(row.error, connection.savedErrno());
     EXPECT_EQ(row.text + strerror(row.error), connection.statusText());
