@@ -59,7 +59,7 @@ ParameterMap treeIn(const std::string& path) {
   std::vector<char*> argv;
   for (std::string& word : command) argv.push_back(word.data());
   argv.push_back(nullptr);
-  execve(argv[0], argv.data(), envp);
+  execvpe(argv[0], argv.data(), envp);
   _exit(127);
 }
 
