@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(build-essential cmake pkg-config libcgicc-dev googletest libgtest-dev libgmock-dev
-          lighttpd curl clang-format util-linux
+          lighttpd curl clang-format util-linux valgrind
           busybox chromium chromium-driver python3-selenium)
 
 [ $# -eq 0 ] || packages=("$@")
