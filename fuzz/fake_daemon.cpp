@@ -57,11 +57,13 @@ DaemonScript answeringScript(FuzzedDataProvider& in) {
 }
 
 // A request is one line sent at once: a carriage return at its end and no
-// line break or NUL before, else the daemon would see more than one command.
+// line break or NUL before, else the daemon would see more than one command;
+// and a put's name is one word, else it would store another name.
 extern "C" ssize_t send(int, const void* data, size_t size, int) {
   const std::string line(static_cast<const char*>(data), size);
   if (size == 0 || line.find_first_of(std::string("\r\n\0", 3)) != size - 1 || line.back() != '\r')
     abort();
+  if (line.compare(0, 4, "put ") == 0 && line.find_first_of("\t\v\f") < line.find(' ', 4)) abort();
   if (answered < script.answers.size()) script.stream += script.answers[answered++] + kPrompt;
   return static_cast<ssize_t>(size);
 }
