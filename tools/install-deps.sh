@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project builds, tests and demonstrates
-# with. Run as root; does nothing when everything is already there.
+# with, and any further packages named as arguments. Run as root; does
+# nothing when everything is already there.
 set -euo pipefail
 
 packages=(build-essential cmake pkg-config libcgicc-dev googletest libgtest-dev libgmock-dev
-          lighttpd curl clang-format util-linux)
+          lighttpd curl clang-format util-linux "$@")
 
 missing=()
 for package in "${packages[@]}"; do
