@@ -6,7 +6,6 @@
 #include <syslog.h>
 
 #include <exception>
-#include <iostream>
 #include <string>
 #include <utility>
 
@@ -45,7 +44,9 @@ int main(int, char**) {
   } catch (const std::exception& e) {
     syslog(LOG_ERR, "Caught exception %s", e.what());
     writeInternalServerError();
-    std::cout << "Exception " << e.what() << std::endl;
+    writeText("Exception ");
+    writeText(e.what());
+    writeText("\n");
   }
   return 0;
 }
