@@ -358,14 +358,15 @@ def scaling_rows(table, program, floor, rounds, scale):
 
 
 def startup_rows(table, programs, fixed, floor, rounds, scale):
-    sizes = {kind: stripped_size(path) for kind, path in programs.items()}
+    """programs: kind -> path, the last the iostream-only C++ program."""
     floor_size = stripped_size(floor)
-    for kind, size in sizes.items():
+    for kind, path in programs.items():
+        size = stripped_size(path)
         table.add(f"stripped size, {kind}", f"{size / 1024:.0f} KiB",
                   f"floor {floor_size / 1024:.0f} KiB", f"{size / floor_size:.2f}")
     medians = timed([("start", "", [*programs.values(), fixed], int(200 * scale))], rounds)
     times = dict(zip([*programs, "fixed"], medians["start"]))
-    reference = (f"fixed-reply CGI {ms(times['fixed'])}, {instructions(fixed, ''):,}, "
+    reference = (f"fixed-reply C {ms(times['fixed'])}, {instructions(fixed, ''):,}, "
                  f"{page_faults(fixed, ''):.0f}")
     for kind, path in programs.items():
         table.add(f"start-up, {kind} (no request field): time, instructions, page faults",
@@ -394,10 +395,11 @@ def main():
     # the page cache (large folios or small pages) changes how many page
     # faults it takes to start it, by as much as the differences measured.
     os.mkdir("/tmp/bin")
-    built = {"static": args.static, "dynamic": args.dynamic, "floor": floor, "fixed": fixed}
+    built = {"static": args.static, "dynamic": args.dynamic, "floor": floor, "fixed": fixed,
+             "iostream": os.path.join(args.tools, "bench", "iostream_start")}
     for name, path in built.items():
         run("cp", path, f"/tmp/bin/{name}")
-    program, dynamic, floor, fixed = (f"/tmp/bin/{name}" for name in built)
+    program, dynamic, floor, fixed, iostream = (f"/tmp/bin/{name}" for name in built)
     run("cp", DEFAULT_CONF, "/tmp/appliance.conf")
     table = Table()
     kinds = request_kinds()
@@ -438,7 +440,8 @@ def main():
     scaling_rows(table, program, floor, max(2, rounds // 2), scale)
     simulator.stop()
     progress("size and start-up ...")
-    startup_rows(table, {"static": program, "dynamic": dynamic}, fixed, floor, rounds, scale)
+    startup_rows(table, {"static": program, "dynamic": dynamic,
+                         "C++ with iostream and nothing else": iostream}, fixed, floor, rounds, scale)
     table.print()
 
 

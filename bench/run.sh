@@ -25,7 +25,7 @@ build() {  # SOURCE BUILD_DIR CMAKE_OPTION... then the targets after --
   cmake -S "$source" -B "$dir" -DTZR_BUILD_TESTS=OFF "${options[@]}" >/dev/null
   cmake --build "$dir" -j2 --target "$@" >/dev/null
 }
-build . build-bench/tools -- cffs-sim floor_cgi fixed_cgi
+build . build-bench/tools -- cffs-sim floor_cgi fixed_cgi iostream_start
 build "$source_dir" "$source_dir/build-bench/static" -DTZR_STATIC=ON -- tzr4417.cgi
 build "$source_dir" "$source_dir/build-bench/dynamic" -DTZR_STATIC=OFF -- tzr4417.cgi
 
