@@ -57,10 +57,12 @@ void redirectToDevNull(const char* mode, FILE* stream) {
 
 // The parent ends so that the web server can finish the response; the child
 // lets go of the web server's streams and goes on alone. When fork fails the
-// same process goes on.
+// same process goes on. The reply is flushed and nothing else is pending, so
+// the parent leaves by _exit: exit() would only run destructors, each write
+// a copy-on-write fault on memory it now shares with the child.
 void detach() {
   pid_t pid = fork();
-  if (pid > 0) exit(0);
+  if (pid > 0) _exit(0);
   if (pid < 0) {
     syslog(LOG_WARNING, "Failed to fork child process, continuing in parent process");
     return;

@@ -4,7 +4,7 @@
 // detached child asks the daemon to apply and to save.
 //
 // Whenever the daemon was reached, the process the web server started ends
-// here with exit(0) once its reply is flushed; only the child (or, when fork
+// here with _exit(0) once its reply is flushed; only the child (or, when fork
 // fails, the process itself) returns.
 #ifndef TZR_WRITE_SERVICE_WRITE_REQUEST_H_
 #define TZR_WRITE_SERVICE_WRITE_REQUEST_H_
