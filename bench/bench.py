@@ -301,7 +301,7 @@ def pinned_cpu():
 
 
 def direct_rows(table, program, floors, trips, kinds, rounds, scale):
-    runs = {"read-100": 40, "read-1000": 8}
+    runs = {"read-100": 50, "read-1000": 16}
     medians = timed([(key, query, [program, floors[key]], max(3, int(runs.get(key, 100) * scale)))
                      for key, _, query, _ in kinds], rounds)
     goals = {"read-1": "≤ 1.10", "read-10": "≤ 1.10", "write-ip": "≤ 1.10"}
