@@ -22,9 +22,10 @@ constexpr std::array<char, 256> kEscapes = [] {
   return table;
 }();
 
-// Appends `text`, escaped, to `out` starting at `used`; `out` must have room
-// for twice the text. Returns the new length.
-size_t escapeInto(std::string_view text, char* out, size_t used) {
+// Writes `text`, escaped, to `out`, which must have room for twice the
+// text. Returns the length written.
+size_t escapeInto(std::string_view text, char* out) {
+  size_t used = 0;
   for (char c : text) {
     const char letter = kEscapes[static_cast<unsigned char>(c)];
     if (letter == 0) {
@@ -62,7 +63,7 @@ void writeJsonString(std::string_view text) {
   constexpr size_t kSlice = 2048;
   char buffer[2 * kSlice];
   for (size_t at = 0; at < text.size(); at += kSlice) {
-    size_t used = escapeInto(text.substr(at, kSlice), buffer, 0);
+    size_t used = escapeInto(text.substr(at, kSlice), buffer);
     fwrite(buffer, 1, used, stdout);
   }
 }
@@ -71,6 +72,6 @@ void flushReply() { fflush(stdout); }
 
 std::string jsonEscape(const std::string& text) {
   std::string escaped(2 * text.size(), '\0');
-  escaped.resize(escapeInto(text, escaped.data(), 0));
+  escaped.resize(escapeInto(text, escaped.data()));
   return escaped;
 }
