@@ -4,7 +4,6 @@
 #include <syslog.h>
 
 #include <exception>
-#include <iostream>
 
 #include "cgi/content_length_guard.h"
 #include "cgi/dispatch.h"
@@ -18,7 +17,9 @@ int main(int, char**) {
   } catch (const std::exception& e) {
     syslog(LOG_ERR, "Caught exception %s", e.what());
     writeInternalServerError();
-    std::cout << "Exception " << e.what() << std::endl;
+    writeText("Exception ");
+    writeText(e.what());
+    writeText("\n");
   }
   return 0;
 }

@@ -2,6 +2,8 @@
 
 #include <ctype.h>
 
+#include <algorithm>
+
 namespace {
 
 void trimRight(std::string& text) {
@@ -25,7 +27,8 @@ void trim(std::string& text) {
 // value would end the request early and let the rest pass as commands of its
 // own. Such requests are never sent.
 bool framable(const std::string& text) {
-  return text.find_first_of(std::string("\r\n\0", 3)) == std::string::npos;
+  return std::none_of(text.begin(), text.end(),
+                      [](char c) { return c == '\r' || c == '\n' || c == '\0'; });
 }
 
 // The daemon takes a put's value from the first blank after the name on, so

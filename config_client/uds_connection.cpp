@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string_view>
 
 namespace {
@@ -13,6 +14,7 @@ namespace {
 constexpr char kSocketPath[] = "/tmp/cffs_uds";
 constexpr std::string_view kPrompt = "/> ";
 constexpr size_t kChunkSize = 65536;
+constexpr size_t kGrowth = 8;
 
 const char* messageOf(int status) {
   switch (status) {
@@ -31,6 +33,16 @@ const char* messageOf(int status) {
     default:
       return "";
   }
+}
+
+// The first prompt at or after `from`. It looks for the '>', which values
+// hold far more rarely than the '/' (every path has many).
+size_t findPrompt(std::string_view text, size_t from) {
+  for (size_t p = text.find('>', from + 1); p != std::string_view::npos;
+       p = text.find('>', p + 1)) {
+    if (text.compare(p - 1, kPrompt.size(), kPrompt) == 0) return p - 1;
+  }
+  return std::string_view::npos;
 }
 
 // A daemon that hung up without its prompt leaves the reply unfinished for
@@ -82,10 +94,14 @@ void UdsConnection::close() {
   }
 }
 
-bool UdsConnection::sendLine(std::string line) {
+bool UdsConnection::sendLine(std::string_view line) {
   if (fd_ == -1) return false;
   if (line.empty()) return true;
-  if (line.back() != '\r') line += '\r';
+  if (line.back() != '\r') {
+    line_.assign(line.data(), line.size());
+    line_ += '\r';
+    line = line_;
+  }
   // A short count is taken as success: requests are short single lines.
   if (::send(fd_, line.data(), line.size(), MSG_NOSIGNAL) < 0) {
     fail(UdsStatus::WriteFailed, errno);
@@ -111,8 +127,15 @@ bool UdsConnection::readReply(std::string& reply) {
     // Only the new bytes and the two before them can hold a prompt that was
     // not there before, so the search stays linear in the reply's length.
     size_t from = reply.size() >= kPrompt.size() - 1 ? reply.size() - (kPrompt.size() - 1) : 0;
+    // A reply that outgrows its string is a large one: growing eightfold
+    // rather than twofold spares most of the copying and of the page faults
+    // on fresh memory; the reserve that is never touched costs address space
+    // only.
+    if (reply.size() + n > reply.capacity()) {
+      reply.reserve(std::max(reply.size() + n, kGrowth * reply.capacity()));
+    }
     reply.append(buffer, static_cast<size_t>(n));
-    size_t p = reply.find(kPrompt.data(), from, kPrompt.size());
+    size_t p = findPrompt(reply, from);
     if (p != std::string::npos) {
       reply.resize(p);
       fail(UdsStatus::Ready, 0);
@@ -121,8 +144,8 @@ bool UdsConnection::readReply(std::string& reply) {
   }
 }
 
-bool UdsConnection::execute(std::string request, std::string& reply) {
-  if (!sendLine(std::move(request))) return false;
+bool UdsConnection::execute(std::string_view request, std::string& reply) {
+  if (!sendLine(request)) return false;
   return readReply(reply);
 }
 

@@ -9,6 +9,7 @@
 #define TZR_CONFIG_CLIENT_UDS_CONNECTION_H_
 
 #include <string>
+#include <string_view>
 
 enum class UdsStatus : int {
   Ready = 0,
@@ -34,14 +35,14 @@ class UdsConnection {
 
   // Sends `line` with a carriage return appended unless it already ends in
   // one. An empty line sends nothing and succeeds.
-  bool sendLine(std::string line);
+  bool sendLine(std::string_view line);
 
   // Collects the daemon's answer up to the first prompt; `reply` receives the
   // text before it. On a closed connection `reply` is left untouched.
   bool readReply(std::string& reply);
 
   // sendLine, then readReply only if the send succeeded.
-  bool execute(std::string request, std::string& reply);
+  bool execute(std::string_view request, std::string& reply);
 
   // "Ready", or the failure's message and, when an errno was saved, ": " and
   // its strerror text.
@@ -56,6 +57,7 @@ class UdsConnection {
   int fd_;
   int status_;
   int savedErrno_;
+  std::string line_;  // the line being sent, kept to reuse its buffer
 };
 
 #endif  // TZR_CONFIG_CLIENT_UDS_CONNECTION_H_

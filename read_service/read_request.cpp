@@ -2,8 +2,7 @@
 
 #include <syslog.h>
 
-#include <iostream>
-#include <sstream>
+#include <string_view>
 #include <vector>
 
 #include "cgi/reply.h"
@@ -34,31 +33,41 @@ void handleReadRequest(std::string names) {
     return;
   }
   writeJsonHeader();
+  // The headers leave before the dialogue: should the daemon never answer,
+  // the web server still has them when it gives up on us.
+  flushReply();
 
   bool memberWritten = false;
-  std::vector<std::string> invalid;
-  std::istringstream list(names);
+  std::vector<std::string_view> invalid;
   std::string name;
   std::string value;
-  while (std::getline(list, name, ',')) {
-    if (name.empty()) continue;
+  for (size_t begin = 0, end; begin < names.size(); begin = end + 1) {
+    end = names.find(',', begin);
+    if (end == std::string::npos) end = names.size();
+    if (end == begin) continue;
+    name.assign(names, begin, end - begin);
     if (!readValue(client, name, value)) {
-      invalid.push_back(name);
+      invalid.emplace_back(names.data() + begin, end - begin);
       continue;
     }
-    std::cout << (memberWritten ? ", " : "{ ") << '"' << jsonEscape(name) << "\": \""
-              << jsonEscape(value) << '"';
+    writeText(memberWritten ? ", \"" : "{ \"");
+    writeJsonString(name);
+    writeText("\": \"");
+    writeJsonString(value);
+    writeText("\"");
     memberWritten = true;
   }
 
   if (!invalid.empty()) {
-    std::cout << (memberWritten ? ", " : "{ ") << "\"invalid\": ";
+    writeText(memberWritten ? ", \"invalid\": " : "{ \"invalid\": ");
     // The names go out as the browser sent them, unescaped.
     for (size_t i = 0; i < invalid.size(); ++i) {
-      std::cout << (i == 0 ? "[ " : ", ") << '"' << invalid[i] << '"';
+      writeText(i == 0 ? "[ \"" : ", \"");
+      writeText(invalid[i]);
+      writeText("\"");
     }
-    std::cout << " ]";
+    writeText(" ]");
     memberWritten = true;
   }
-  if (memberWritten) std::cout << " }" << std::endl;
+  if (memberWritten) writeText(" }\n");
 }

@@ -5,8 +5,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <iostream>
-
 #include "cgi/reply.h"
 #include "config_client/config_client.h"
 #include "rules/fixed_settings.h"
@@ -30,15 +28,24 @@ void normalise(std::string& value) {
 
 void writeReply(bool stored, const ParameterPath& name, const std::string& value,
                 const std::string& reply) {
+  // The reply leaves in full before the fork: the child must not inherit
+  // any of it.
   if (stored) {
     writeJsonHeader();
-    std::cout << "{ \"write\": \"" << jsonEscape(name) << "\", \"value\": \"" << jsonEscape(value)
-              << "\", \"reply\": \"" << jsonEscape(reply) << "\" }\n"
-              << std::flush;
+    writeText("{ \"write\": \"");
+    writeJsonString(name);
+    writeText("\", \"value\": \"");
+    writeJsonString(value);
+    writeText("\", \"reply\": \"");
+    writeJsonString(reply);
+    writeText("\" }\n");
+    flushReply();
     if (!reply.empty()) syslog(LOG_INFO, "Reply from \"put\": %s", reply.c_str());
   } else {
     writeInternalServerError();
-    std::cout << reply << '\n' << std::flush;
+    writeText(reply);
+    writeText("\n");
+    flushReply();
   }
 }
 
