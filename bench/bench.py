@@ -1,10 +1,10 @@
 #!/usr/bin/python3
 """Per-request cost of tzr4417.cgi against floor programs, as one table.
 
-bench/run.sh builds everything and starts this inside a private mount
-namespace; here it takes /tmp and /dev for itself (its own daemon simulator
-on /tmp/cffs_uds, its own /dev/log), so no daemon or syslog of the machine
-is touched. Every compared figure is a ratio of medians taken in this run,
+bench/run.sh builds everything and starts this; it takes a private /tmp and
+/dev for itself (tools/sandbox.py: its own daemon simulator on
+/tmp/cffs_uds, its own /dev/log), so no daemon or syslog of the machine is
+touched. Every compared figure is a ratio of medians taken in this run,
 program and reference interleaved, because the machines are shared and noisy.
 """
 
@@ -12,13 +12,14 @@ import argparse
 import json
 import os
 import re
-import socket
 import statistics
 import subprocess
 import sys
-import threading
 import time
 import urllib.request
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "tools"))
+import sandbox  # noqa: E402
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BASELINE = os.path.join(ROOT, "bench", "callgrind-baseline.txt")
@@ -30,27 +31,6 @@ MS = 1e3
 
 def run(*command, **kwargs):
     return subprocess.run(command, check=True, **kwargs)
-
-
-def isolate():
-    """A tmpfs on /tmp, and a /dev of our own whose /dev/log we drain."""
-    run("mount", "-t", "tmpfs", "tmpfs", "/tmp")
-    os.mkdir("/tmp/.dev")
-    run("mount", "--rbind", "/dev", "/tmp/.dev")
-    run("mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", "/dev")
-    for name in ("null", "zero", "random", "urandom"):
-        open("/dev/" + name, "w").close()
-        run("mount", "--bind", "/tmp/.dev/" + name, "/dev/" + name)
-    os.symlink("/proc/self/fd", "/dev/fd")
-    sink = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-    sink.bind("/dev/log")
-    os.chmod("/dev/log", 0o666)
-
-    def drain():
-        while True:
-            sink.recv(65536)
-
-    threading.Thread(target=drain, daemon=True).start()
 
 
 class Simulator:
@@ -183,18 +163,12 @@ def round_trips(sim, program, kinds):
     return counts
 
 
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
 def wrk_rates(programs, query, rounds, seconds):
     """Requests per second through lighttpd, each program in turn per round."""
     os.makedirs("/tmp/www")
     for name, path in programs.items():
         run("cp", path, f"/tmp/www/{name}.cgi")
-    port = free_port()
+    port = sandbox.free_port()
     with open("/tmp/lighttpd.conf", "w") as f:
         f.write(f'server.document-root = "/tmp/www"\nserver.bind = "127.0.0.1"\n'
                 f'server.port = {port}\nserver.modules = ("mod_cgi")\n'
@@ -393,7 +367,7 @@ def main():
     fixed = os.path.join(args.tools, "bench", "fixed_cgi")
     program = args.static
 
-    isolate()
+    sandbox.enter()
     # Every program runs from a copy in the same tmpfs: how a file came into
     # the page cache (large folios or small pages) changes how many page
     # faults it takes to start it, by as much as the differences measured.

@@ -22,7 +22,7 @@ class BrowserTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         webenv.isolate()
-        cls.sim = webenv.Simulator()
+        cls.sim = webenv.simulator()
         cls.port, cls.elsewhere = webenv.free_port(), webenv.free_port()
         os.mkdir("/tmp/attack")
         Path("/tmp/attack/index.html").write_text(ATTACK.format(url=f"http://127.0.0.1:{cls.port}{PROGRAM}?attack", ip=IP))

@@ -1,0 +1,147 @@
+"""The program's world on a laptop, in a private /tmp: the daemon simulator
+and lighttpd or busybox httpd with the shipped configurations, for the web
+tests, the benchmark and the load command. Needs root.
+
+enter() gives the calling process a mount namespace of its own with a tmpfs
+on /tmp (so /tmp/cffs_uds is its alone, never a developer's daemon) and a
+/dev of its own whose /dev/log it drains; it also becomes a child subreaper,
+so the program's detached children come back to it.
+"""
+import contextlib
+import ctypes
+import os
+import socket
+import subprocess
+import sys
+import threading
+import time
+from pathlib import Path
+
+SRC = Path(__file__).resolve().parents[1]
+LIBC = ctypes.CDLL(None, use_errno=True)
+CLONE_NEWNS, MS_BIND, MS_REC, MS_PRIVATE = 0x20000, 0x1000, 0x4000, 0x40000
+# A cross build's programs start through the emulator (qemu-user).
+EMULATOR = os.environ.get("TZR_EMULATOR", "").split()
+
+
+def _check(ok, what):
+    if not ok:
+        sys.exit(f"sandbox: {what}: {os.strerror(ctypes.get_errno())} (run as root)")
+
+
+def enter():
+    _check(LIBC.unshare(CLONE_NEWNS) == 0, "unshare")
+    mounts = [(b"none", b"/", None, MS_REC | MS_PRIVATE), (b"tmpfs", b"/tmp", b"tmpfs", 0),
+              (b"/dev", b"/tmp/.dev", None, MS_BIND | MS_REC), (b"tmpfs", b"/dev", b"tmpfs", 0)]
+    for source, target, kind, flags in mounts:
+        os.makedirs(target, exist_ok=True)
+        _check(LIBC.mount(source, target, kind, flags, None) == 0, f"mount {target}")
+    for name in ("null", "zero", "random", "urandom"):
+        open("/dev/" + name, "w").close()
+        _check(LIBC.mount(b"/tmp/.dev/" + name.encode(), b"/dev/" + name.encode(), None, MS_BIND,
+                          None) == 0, f"bind /dev/{name}")
+    os.symlink("/proc/self/fd", "/dev/fd")
+    sink = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    sink.bind("/dev/log")
+    os.chmod("/dev/log", 0o666)
+
+    def drain():
+        while True:
+            sink.recv(65536)
+
+    threading.Thread(target=drain, daemon=True).start()
+    LIBC.prctl(36, 1)  # PR_SET_CHILD_SUBREAPER
+
+
+def install(cgi, www="/tmp/www"):
+    """The program in WWW/cgi-bin (behind the emulator if need be), the
+    console page in WWW/console."""
+    os.makedirs(f"{www}/cgi-bin")
+    if EMULATOR:
+        Path(f"{www}/cgi-bin/tzr4417.cgi").write_text(f"#!/bin/sh\nexec {' '.join(EMULATOR)} {cgi}\n")
+        os.chmod(f"{www}/cgi-bin/tzr4417.cgi", 0o755)
+    else:
+        os.symlink(os.path.abspath(cgi), f"{www}/cgi-bin/tzr4417.cgi")
+    subprocess.run(["cp", "-r", SRC / "web/console", f"{www}/console"], check=True)
+    subprocess.run(["cp", SRC / "tools/appliance-default.conf", f"{www}/console/parameters.conf"],
+                   check=True)
+
+
+def spawn(command, **options):
+    # PR_SET_PDEATHSIG: servers and simulators end with whoever started them.
+    return subprocess.Popen(command, preexec_fn=lambda: LIBC.prctl(1, 15), **options)
+
+
+def poll(probe, done, seconds=5):
+    """Calls probe() until done(its value) or the time is up; the last value."""
+    deadline = time.monotonic() + seconds
+    while not done(value := probe()) and time.monotonic() < deadline:
+        time.sleep(0.02)
+    return value
+
+
+class Simulator:
+    """The daemon simulator on /tmp/cffs_uds, its tree in /tmp/appliance.conf."""
+
+    def __init__(self, sim, *options, tree=SRC / "tools/appliance-default.conf"):
+        subprocess.run(["cp", tree, "/tmp/appliance.conf"], check=True)
+        with open("/tmp/simulator.log", "w") as log:
+            self.proc = spawn([*EMULATOR, sim, "--config", "/tmp/appliance.conf", "--transcript",
+                               "/tmp/transcript", "--verbose", *options],
+                              stdout=subprocess.PIPE, stderr=log, text=True)
+        if self.proc.stdout.readline() != "ready\n":
+            sys.exit("sandbox: the simulator did not start")
+
+    def connections(self):
+        return Path("/tmp/simulator.log").read_text().count(": accepted")
+
+    def transcript(self):
+        return Path("/tmp/transcript").read_text()
+
+    def stop(self):
+        self.proc.terminate()
+        self.proc.communicate()
+
+
+def free_port():
+    with socket.create_server(("127.0.0.1", 0)) as s:
+        return s.getsockname()[1]
+
+
+def serve(command, port):
+    """Starts a web server and waits until it accepts connections."""
+    def accepts():
+        with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", port)):
+            return True
+        return False
+
+    with open("/tmp/server.log", "a") as log:
+        proc = spawn(command, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT)
+    if not poll(accepts, bool):
+        sys.exit("sandbox: the web server did not start: " + Path("/tmp/server.log").read_text())
+    return proc
+
+
+def lighttpd(config, port, extra=(), www="/tmp/www", **settings):
+    """lighttpd on 127.0.0.1:PORT with a shipped CONFIG from web/servers/lighttpd,
+    included as an integrator would: their settings first."""
+    settings = {"tzr4417_dir": SRC / "web/servers/lighttpd", "tzr4417_www": www, **settings}
+    lines = [*extra, *(f'var.{name} = "{value}"' for name, value in settings.items()),
+             f"var.tzr4417_port = {port}", 'server.errorlog = "/tmp/server.log"']
+    if config == "tzr4417.conf":
+        lines += [f'server.document-root = "{www}"', 'server.bind = "127.0.0.1"', f"server.port = {port}"]
+    Path("/tmp/lighttpd.conf").write_text("\n".join(lines + [f'include var.tzr4417_dir + "/{config}"']))
+    return serve(["lighttpd", "-D", "-f", "/tmp/lighttpd.conf"], port)
+
+
+def md5_crypt(password):
+    return subprocess.run(["busybox", "httpd", "-m", password], capture_output=True, text=True,
+                          check=True).stdout.strip()
+
+
+def busybox(port, password, www="/tmp/www"):
+    """busybox httpd with the shipped httpd.conf, letting in 127.0.0.1."""
+    text = (SRC / "web/servers/busybox/httpd.conf").read_text()
+    text = text.replace("@ALLOWED_NETWORK@", "127.0.0.1").replace("@PASSWORD_HASH@", md5_crypt(password))
+    Path("/tmp/httpd.conf").write_text(text)
+    return serve([SRC / "web/servers/busybox/httpd.sh", f"127.0.0.1:{port}", www, "/tmp/httpd.conf"], port)
