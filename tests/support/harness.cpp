@@ -1,6 +1,5 @@
 #include "support/harness.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -18,6 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -139,12 +139,10 @@ bool waitUntil(const std::function<bool()>& done, Millis limit) {
 std::vector<pid_t> children() {
   // An orphan may be handed to any thread of a subreaper: ask every one.
   std::vector<pid_t> pids;
-  DIR* tasks = opendir("/proc/self/task");
-  while (dirent* task = readdir(tasks)) {
-    std::ifstream list(std::string("/proc/self/task/") + task->d_name + "/children");
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream list(task.path() / "children");
     for (pid_t pid; list >> pid;) pids.push_back(pid);
   }
-  closedir(tasks);
   return pids;
 }
 
@@ -297,13 +295,4 @@ Log SyslogCapture::of(pid_t pid, bool others) {
     if ((line.pid == pid) != others) log.emplace_back(line.priority, line.message);
   }
   return log;
-}
-
-bool SyslogCapture::waitFor(const std::string& message) {
-  return waitUntil([&] {
-    for (const Line& line : lines()) {
-      if (line.message == message) return true;
-    }
-    return false;
-  });
 }

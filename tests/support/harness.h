@@ -35,7 +35,7 @@ bool asleep(pid_t pid);
 
 // One run of the shipped tzr4417.cgi as a web server makes it: a CGI
 // environment, the body on stdin, stdout until every holder lets go of it.
-// TZR_CGI_WRAPPER, if set, is a command to run it under (tools/memcheck.sh).
+// TZR_CGI_WRAPPER, if set, is a command to run it under (tools/memcheck.py).
 struct CgiRequest {
   std::string query = {};
   std::string method = "GET";
@@ -94,7 +94,6 @@ class SyslogCapture {
 
   // The lines of process `pid`, or of every other process.
   Log of(pid_t pid, bool others = false);
-  bool waitFor(const std::string& message);
 
  private:
   struct Line {
