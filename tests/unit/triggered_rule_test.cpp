@@ -17,12 +17,12 @@ const std::string kNet = "/configuration/network/";
 const std::string kCast = kNet + "broadcast_addr";
 const std::string kRtmpAudio = "/configuration/outputs/rtmp/streams/stream1/aenc";
 const std::string kMuxAudio = "/configuration/outputs/ts/muxer/mux1/component2/encoder";
+// clang-format off
 const ParameterMap kSingle2 = {
-    {kEncoders + "1/input", "in2"},
-    {kEncoders + "2/input", "in2"},
+    {kEncoders + "1/input", "in2"}, {kEncoders + "2/input", "in2"}, {kMuxAudio, "aenc2"},
     {"/configuration/outputs/rtsp/streams/stream1/aenc", "2"},
-    {kMuxAudio, "aenc2"},
     {"/configuration/outputs/ts/muxer/mux2/component2/encoder", "aenc2"}};
+// clang-format on
 
 TEST(TriggeredRuleTest, AtMostOneRuleByTheWrittenName) {
   ParameterMap tree = defaultTree();
