@@ -169,6 +169,12 @@ std::string written(const std::string& name, const std::string& value, const cha
          reply + "\" }\n";
 }
 
+// The puts, then the detached child's apply and save.
+Strings saved(Strings puts) {
+  puts.insert(puts.end(), {"apply\\r", "save\\r"});
+  return puts;
+}
+
 std::pair<int, std::string> set(const std::string& path, const std::string& value) {
   return {kInfo, "Setting parameter " + path + " to " + value};
 }
@@ -183,44 +189,43 @@ TEST(RequestTest, Writes) {
   const std::string recorder = "/configuration/outputs/recorder/enable";
   const std::string venc = "/configuration/encoders/venc";
   const std::string at29 = "basic_string::compare: __pos (which is 29) > this->size() (which is 28)";
-  const Strings saved = {"apply\\r", "save\\r"};
   CgiRequest forkFails = {"write=" + host + "&value=studio"};
   forkFails.forkFails = true;
   const Row rows[] = {
       // The puts go out in byte order of names, then the child applies and saves.
       {{"write=" + ip + "&value=10.0.0.5"}, written(jsonIp, "10.0.0.5"),
-       {"put " + cast + " 10.0.0.255\\r", "put " + ip + " 10.0.0.5\\r", saved[0], saved[1]},
+       saved({"put " + cast + " 10.0.0.255\\r", "put " + ip + " 10.0.0.5\\r"}),
        {set(ip, "10.0.0.5"), set(cast, "10.0.0.255")}, kApplied},
       {{"write=" + host + "&value="}, written(jsonHost, R"(\"\")"),
-       {"put " + host + " \"\"\\r", saved[0], saved[1]}, {set(host, "")}, kApplied},
+       saved({"put " + host + " \"\"\\r"}), {set(host, "")}, kApplied},
       {{"write=" + host + "&value=a%20b"}, written(jsonHost, R"(\"a b\")"),
-       {"put " + host + " \"a b\"\\r", saved[0], saved[1]}, {set(host, "a b")}, kApplied},
+       saved({"put " + host + " \"a b\"\\r"}), {set(host, "a b")}, kApplied},
       {{"write=" + host + "&value=a%0Bb"}, written(jsonHost, "\\\"a\vb\\\""),
-       {"put " + host + " \"a\\x0Bb\"\\r", saved[0], saved[1]}, {set(host, "a\vb")}, kApplied},
+       saved({"put " + host + " \"a\\x0Bb\"\\r"}), {set(host, "a\vb")}, kApplied},
       {{"write=" + host + "&value=caf%C3%A9%01"}, written(jsonHost, "caf\xC3\xA9\x01"),
-       {"put " + host + " caf\xC3\xA9\\x01\\r", saved[0], saved[1]},
+       saved({"put " + host + " caf\xC3\xA9\\x01\\r"}),
        {set(host, "caf\xC3\xA9\x01")}, kApplied},
       {{"write=" + host + "&value=a/>%20b"}, written(jsonHost, R"(\"a\/> b\")"),
-       {"put " + host + " \"a/> b\"\\r", saved[0], saved[1]}, {set(host, "a/> b")}, kApplied},
+       saved({"put " + host + " \"a/> b\"\\r"}), {set(host, "a/> b")}, kApplied},
       // The daemon answers a put too long for it, and the answer is shown;
       // the "Setting" line is too long for the system log, which drops it.
       {post("write=" + host + "&value=" + times(1 << 20, "x")),
        written(jsonHost, times(1 << 20, "x"), R"(Request too long\r\n)"),
-       {"put " + host + " " + times(28, "x") + "... (1048613 bytes)", saved[0], saved[1]},
+       saved({"put " + host + " " + times(28, "x") + "... (1048613 bytes)"}),
        {{kInfo, "Reply from \"put\": Request too long\r\n"}}, kApplied},
       // The written value is recorded before the rules: they read it back, and
       // may replace it.
       {{"write=" + rate + "&value=5000000"},
        written(R"(\/configuration\/encoders\/venc1\/h264\/bitrate)", "5000000"),
-       {"put " + rate + " 5000000\\r", "put " + total + " 5519157\\r", saved[0], saved[1]},
+       saved({"put " + rate + " 5000000\\r", "put " + total + " 5519157\\r"}),
        {set(rate, "5000000"), set(total, "5519157")}, kApplied},
       {{"write=" + autoFc + "&value=no"},
        written(R"(\/configuration\/encoders\/venc1\/frame_ctrl\/auto)", "no"),
-       {"put " + autoFc + " yes\\r", saved[0], saved[1]}, {set(autoFc, "no"), set(autoFc, "yes")},
+       saved({"put " + autoFc + " yes\\r"}), {set(autoFc, "no"), set(autoFc, "yes")},
        kApplied, {}, {{autoFc, "no"}}},
       // The daemon's answer to a put without a name.
       {{"write=&value=x"}, written("", "x", R"(Usage: put PATH VALUE\r\n)"),
-       {"put  x\\r", saved[0], saved[1]},
+       saved({"put  x\\r"}),
        {set("", "x"), {kInfo, "Reply from \"put\": Usage: put PATH VALUE\r\n"}}, kApplied},
       // A failed put answers 500 with what the daemon said; the child still
       // logs, but sends nothing more.
@@ -230,7 +235,7 @@ TEST(RequestTest, Writes) {
         {kInfo, "Reply from \"save\": Usage: put PATH VALUE\r\n"}, kApplied[0]},
        {"--reset-at", "35"}, {{recorder, "no"}}},
       // When fork fails, the one process applies and saves before it ends.
-      {forkFails, written(jsonHost, "studio"), {"put " + host + " studio\\r", saved[0], saved[1]},
+      {forkFails, written(jsonHost, "studio"), saved({"put " + host + " studio\\r"}),
        {set(host, "studio"), {LOG_USER | LOG_WARNING, "Failed to fork child process, continuing in "
        "parent process"}, kApplied[0]}},
       {{"write=" + ip + "&value=10.0.0.5"}, k500, {}, {}, {}, {"--no-listen"}},
