@@ -19,11 +19,15 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(
 import sandbox  # noqa: E402
 
 
+# Writes without fetch metadata come only from the appliance's own pages.
+OWN_PAGE = {"Referer": "http://127.0.0.1/console/"}
+
+
 def write_all(port, client, writes, refused):
     connection = http.client.HTTPConnection("127.0.0.1", port, timeout=60)
     for number in range(writes):
         connection.request("GET", f"/cgi-bin/tzr4417.cgi?write=/load/{client}/{number}"
-                                  f"&value={client}.{number}")
+                                  f"&value={client}.{number}", headers=OWN_PAGE)
         response = connection.getresponse()
         if response.status != 200 or not response.read().endswith(b'"reply": "" }\n'):
             refused.append(f"/load/{client}/{number}: {response.status}")
