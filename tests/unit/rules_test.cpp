@@ -10,7 +10,6 @@
 #include "rules/mux_bitrate.h"
 #include "rules/network_address.h"
 #include "rules/single_input.h"
-#include "rules/stream_audio.h"
 #include "rules/video_encoder.h"
 #include "support/harness.h"
 
@@ -119,21 +118,6 @@ TEST(VideoEncoderRules, SwitchesFollowMux2AndCodecs) {
       {"pending mux2 routing counts", {}, {mux("2/component1/encoder"), "venc1"},
        {{kAuto1, "no"}, {kAuto2, "no"}, {kCopy1, "no"}, {kCopy2, "no"}}},
       {"written switch equal to the computed one stays", {}, {kAuto1, "no"}, {}}});
-  const std::string rate1 = enc("venc1/frame_ctrl/rate"), rate2 = enc("venc2/frame_ctrl/rate");
-  const std::string on1 = enc("venc1/frame_ctrl/enable"), on2 = enc("venc2/frame_ctrl/enable");
-  check(applyFrameRateRule, {
-      {"01 is not 1", {}, {rate2, "01"}, {{on2, "yes"}}},
-      {"empty", {}, {rate1, "\"\""}, {{on1, "yes"}}},
-      {"1 turns it off", {{on2, "yes"}}, {rate2, "1"}, {{on2, "no"}}}});
-}
-
-TEST(StreamAudioRule, CarriesTheChoiceToRtmp1AndMux1) {
-  check([](auto& c, auto& s, auto, auto value) { applyStreamAudioRule(c, s, value); }, {
-      {"2", {}, {kRtsp1, "2"}, {{kRtmp1, "2"}, {kAudio1, "aenc2"}}},
-      {"off", {}, {kRtsp1, "off"}, {{kRtmp1, "off"}, {kAudio1, "off"}}},
-      {"stream2 still targets stream1 and mux1", {}, {out("rtsp/streams/stream2/aenc"), "3"},
-       {{kRtmp1, "3"}, {kAudio1, "aenc3"}}},
-      {"empty", {}, {kRtsp1, "\"\""}, {{kRtmp1, "\"\""}, {kAudio1, "aenc\"\""}}}});
 }
 
 TEST(SingleInputRule, RoutesEncodersAndMovesTheOtherInputsAudio) {

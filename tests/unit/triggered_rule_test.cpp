@@ -1,5 +1,6 @@
-// Which rule a written name sets off. Every rule would record something on
-// this tree, so what is recorded names the rule that ran.
+// Which rule a written name sets off, and the rules that only carry a value
+// over (frame rate, stream audio). Every rule would record something on this
+// tree, so what is recorded names the rule that ran.
 #include "write_service/triggered_rule.h"
 
 #include <gtest/gtest.h>
@@ -41,13 +42,14 @@ TEST(TriggeredRuleTest, AtMostOneRuleByTheWrittenName) {
       {kMode, "dual", {}},
       {kMode + "/", "single_2", {}},
       {kEncoders + "1/frame_ctrl/rate", "1", {{kEncoders + "1/frame_ctrl/enable", "no"}}},
-      {kEncoders + "2/frame_ctrl/rate", "5", {{kEncoders + "2/frame_ctrl/enable", "yes"}}},
+      {kEncoders + "2/frame_ctrl/rate", "01", {{kEncoders + "2/frame_ctrl/enable", "yes"}}},
       {kEncoders + "2/frame_ctrl/rate/x", "1", {{kEncoders + "2/frame_ctrl/enable", "no"}}},
       {kEncoders + "12/frame_ctrl/rate", "1", {}},
       {kEncoders + "1/frame_ctrl/rat", "1", {}},
       {kEncoders, "1", {}, true},
       {kStreams + "2/aenc", "3", {{kRtmpAudio, "3"}, {kMuxAudio, "aenc3"}}},
       {kStreams + "1/aenc/x", "off", {{kRtmpAudio, "off"}, {kMuxAudio, "off"}}},
+      {kStreams + "1/aenc", "\"\"", {{kRtmpAudio, "\"\""}, {kMuxAudio, "aenc\"\""}}},
       {kStreams + "12/aenc", "3", {}},
       {kStreams + "1/venc", "3", {}},
       {"/configuration/outputs/rtmp/streams/stream1/aenc", "3", {}},
