@@ -272,27 +272,20 @@ SyslogCapture::~SyslogCapture() {
   unlink("/dev/log");
 }
 
-const std::vector<SyslogCapture::Line>& SyslogCapture::lines() {
+Log SyslogCapture::of(pid_t pid, bool others) {
   char buffer[65536];
-  ssize_t n;
-  while ((n = recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT)) >= 0) {
+  for (ssize_t n; (n = recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT)) >= 0;) {
     const std::string raw(buffer, static_cast<size_t>(n)), ident = "tzr4417.cgi[";
     // "<PRI>" and a 16-character time stamp "Mmm dd hh:mm:ss " come first.
     const size_t from = raw.find('>') + 17, end = raw.find("]: ");
-    if (raw[0] == '<' && end != std::string::npos && from <= raw.size() &&
-        raw.compare(from, ident.size(), ident) == 0) {
-      lines_.push_back({atoi(&raw[1]), atoi(&raw[from + ident.size()]), raw.substr(end + 3)});
-    } else {
-      lines_.push_back({-1, 0, raw});
-    }
+    const bool ours = raw[0] == '<' && end != std::string::npos && from <= raw.size() &&
+                      raw.compare(from, ident.size(), ident) == 0;
+    lines_.push_back({ours ? atoi(&raw[from + ident.size()]) : 0,
+                      {ours ? atoi(&raw[1]) : -1, ours ? raw.substr(end + 3) : raw}});
   }
-  return lines_;
-}
-
-Log SyslogCapture::of(pid_t pid, bool others) {
   Log log;
-  for (const Line& line : lines()) {
-    if ((line.pid == pid) != others) log.emplace_back(line.priority, line.message);
+  for (const auto& [from, line] : lines_) {
+    if ((from == pid) != others) log.push_back(line);
   }
   return log;
 }

@@ -96,15 +96,8 @@ class SyslogCapture {
   Log of(pid_t pid, bool others = false);
 
  private:
-  struct Line {
-    int priority;
-    pid_t pid;
-    std::string message;
-  };
-  const std::vector<Line>& lines();
-
   int fd_;
-  std::vector<Line> lines_;
+  std::vector<std::pair<pid_t, Log::value_type>> lines_;  // by process
 };
 
 #endif  // TZR_TESTS_SUPPORT_HARNESS_H_
