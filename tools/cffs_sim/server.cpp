@@ -250,13 +250,13 @@ void Server::Process(Connection& c) {
     // out; the transcript gets its first bytes and its length.
     const size_t size = c.long_dropped + length;
     const bool too_long = size - 1 > kMaxRequestBytes;
-    if (c.long_dropped == 0) c.long_head = std::string(request.substr(0, kLongHead));
-    c.long_dropped = 0;
     if (too_long) {
+      if (c.long_dropped == 0) c.long_head = std::string(request.substr(0, kLongHead));
       transcript_.Record(c.long_head + "... (" + std::to_string(size) + " bytes)");
     } else {
       transcript_.Record(request);
     }
+    c.long_dropped = 0;
     Log(c, "request " + std::to_string(c.requests) + " " + Preview(request));
     if (c.requests == options_.hangup_at) {
       Log(c, "hangup-at " + std::to_string(c.requests) + ": closing without a reply");
