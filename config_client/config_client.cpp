@@ -33,9 +33,11 @@ bool framable(const std::string& text) {
 
 // The daemon takes a put's value from the first blank after the name on, so
 // a name with white space would store another name's value, or a value of
-// its own choosing, unquoted.
+// its own choosing, unquoted. A stored prompt would end every later answer
+// that carries it early, and shift the dialogue when it arrives in pieces.
 bool writable(const ParameterPath& name, const std::string& value) {
-  return framable(name) && framable(value) && name.find_first_of(" \t\v\f") == std::string::npos;
+  return framable(name) && framable(value) && name.find_first_of(" \t\v\f") == std::string::npos &&
+         value.find("/> ") == std::string::npos;
 }
 
 std::string putRequest(const ParameterPath& name, const std::string& value) {

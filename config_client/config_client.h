@@ -35,8 +35,10 @@ class ConfigClient {
   // One "put NAME VALUE" per entry, in the set's order, stopping at the first
   // failed exchange. `replies` collects the untrimmed answers of every entry
   // sent. Entries already stored are not taken back. A set that cannot go out
-  // as one line per entry (a CR, LF or NUL anywhere, or white space in a
-  // name) is refused whole: nothing is sent and the connection is closed.
+  // as one line per entry (a CR, LF or NUL anywhere, white space in a name,
+  // or the daemon's prompt "/> " in a value, which would cut every later
+  // answer that carries it) is refused whole: nothing is sent and the
+  // connection is closed.
   bool put(const ParameterMap& changes, std::string& replies);
   bool put(const ParameterPath& name, const std::string& value, std::string& reply);
 

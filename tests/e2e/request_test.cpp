@@ -205,8 +205,6 @@ TEST(RequestTest, Writes) {
       {{"write=" + host + "&value=caf%C3%A9%01"}, written(jsonHost, "caf\xC3\xA9\x01"),
        saved({"put " + host + " caf\xC3\xA9\\x01\\r"}),
        {set(host, "caf\xC3\xA9\x01")}, kApplied},
-      {{"write=" + host + "&value=a/>%20b"}, written(jsonHost, R"(\"a\/> b\")"),
-       saved({"put " + host + " \"a/> b\"\\r"}), {set(host, "a/> b")}, kApplied},
       // The daemon answers a put too long for it, and the answer is shown;
       // the "Setting" line is too long for the system log, which drops it.
       {post("write=" + host + "&value=" + times(1 << 20, "x")),
@@ -251,6 +249,8 @@ TEST(RequestTest, Writes) {
       {{"write=" + host + "%0Aapply&value=x"}, k500 + "\n", {}, {set(host + "\napply", "x")},
        kApplied},
       {{"write=" + host + "%00&value=x"}, k500 + "\n", {}, {set(host, "x")}, kApplied},
+      // Nor the daemon's prompt: stored, it would cut every answer that carries it.
+      {{"write=" + host + "&value=a/>%20b"}, k500 + "\n", {}, {set(host, "a/> b")}, kApplied},
       {{"write=" + ip + "%2010.9.9.9&value=x"}, k500 + "\n", {}, {set(ip + " 10.9.9.9", "x")},
        kApplied},
       {{"write=" + ip + "%0910.9.9.9&value=x"}, k500 + "\n", {}, {set(ip + "\t10.9.9.9", "x")},
