@@ -46,7 +46,7 @@ std::string putRequest(const ParameterPath& name, const std::string& value) {
 
 }  // namespace
 
-ConfigClient::ConfigClient() : connection_(new UdsConnection) {}
+ConfigClient::ConfigClient(LockMode lock) : connection_(new UdsConnection(lock)) {}
 
 ConfigClient::~ConfigClient() = default;
 
@@ -92,6 +92,14 @@ bool ConfigClient::apply(std::string& reply) {
 bool ConfigClient::save(std::string& reply) {
   if (!connection_) return false;
   return connection_->execute("save", reply);
+}
+
+void ConfigClient::releaseLock() {
+  if (connection_) connection_->releaseLock();
+}
+
+void ConfigClient::setUnattended(std::chrono::milliseconds limit) {
+  if (connection_) connection_->setUnattended(limit);
 }
 
 std::string ConfigClient::statusText() const {

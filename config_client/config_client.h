@@ -1,7 +1,8 @@
 // ConfigClient: the one client of the configuration daemon per request.
 // It turns configuration operations into the daemon's request lines
 // ("ls ", "put ", "apply", "save") over its own UdsConnection, which it
-// opens (connect and greeting) on construction and closes on destruction.
+// opens (lock, connect and greeting) on construction and closes on
+// destruction. How long it waits for the daemon: uds_connection.h.
 //
 // Every operation returns false when the exchange with the daemon failed;
 // the daemon's answers themselves, error texts included, are never failures
@@ -10,6 +11,7 @@
 #ifndef TZR_CONFIG_CLIENT_CONFIG_CLIENT_H_
 #define TZR_CONFIG_CLIENT_CONFIG_CLIENT_H_
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -18,7 +20,8 @@
 
 class ConfigClient {
  public:
-  ConfigClient();
+  // A read takes the lock shared, a write exclusively (daemon_lock.h).
+  explicit ConfigClient(LockMode lock = LockMode::None);
   ~ConfigClient();
 
   ConfigClient(const ConfigClient&) = delete;
@@ -44,6 +47,11 @@ class ConfigClient {
 
   bool apply(std::string& reply);
   bool save(std::string& reply);
+
+  // Lets the other requests have the lock (a write's, after its last put).
+  void releaseLock();
+  // From now on nobody waits for this process's replies: a detached child.
+  void setUnattended(std::chrono::milliseconds limit);
 
   std::string statusText() const;
 

@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <string_view>
 
+#include "config_client/abandoned_reply.h"
+
 namespace {
 
 constexpr char kSocketPath[] = "/tmp/cffs_uds";
@@ -16,23 +18,22 @@ constexpr std::string_view kPrompt = "/> ";
 constexpr size_t kChunkSize = 65536;
 constexpr size_t kGrowth = 8;
 
-const char* messageOf(int status) {
+const char* messageOf(UdsStatus status) {
   switch (status) {
-    case 0:
+    case UdsStatus::Ready:
       return "Ready";
-    case 1:
+    case UdsStatus::OpenFailed:
       return "UDS open failed";
-    case 2:
+    case UdsStatus::ConnectFailed:
       return "UDS connect failed";
-    case 3:
+    case UdsStatus::WriteFailed:
       return "UDS write failed";
-    case 4:
+    case UdsStatus::WaitFailed:
       return "UDS wait failed";
-    case 5:
+    case UdsStatus::ReadFailed:
       return "UDS read failed";
-    default:
-      return "";
   }
+  return "";
 }
 
 // The first prompt at or after `from`. It looks for the '>', which values
@@ -45,17 +46,10 @@ size_t findPrompt(std::string_view text, size_t from) {
   return std::string_view::npos;
 }
 
-// A daemon that hung up without its prompt leaves the reply unfinished for
-// good: every further recv() would return 0 at once. Wait asleep instead of
-// spinning on it, until a signal (the web server's time-out) ends us.
-[[noreturn]] void waitForever() {
-  for (;;) pause();
-}
-
 }  // namespace
 
-UdsConnection::UdsConnection()
-    : fd_(-1), status_(static_cast<int>(UdsStatus::OpenFailed)), savedErrno_(0) {
+UdsConnection::UdsConnection(LockMode lock)
+    : fd_(-1), status_(UdsStatus::OpenFailed), savedErrno_(0), lockMode_(lock) {
   open();
   std::string greeting;
   readReply(greeting);
@@ -63,16 +57,26 @@ UdsConnection::UdsConnection()
 
 UdsConnection::~UdsConnection() { close(); }
 
-void UdsConnection::fail(UdsStatus status, int error) {
-  status_ = static_cast<int>(status);
+void UdsConnection::setStatus(UdsStatus status, int error) {
+  status_ = status;
   savedErrno_ = error;
+}
+
+void UdsConnection::setUnattended(std::chrono::milliseconds limit) {
+  unattendedLimitMs_ = static_cast<int>(limit.count());
 }
 
 void UdsConnection::open() {
   close();
+  // Before connecting: a request that waits for the lock holds no
+  // connection of the daemon's.
+  if (!lock_.acquire(lockMode_)) {
+    setStatus(UdsStatus::OpenFailed, errno);
+    return;
+  }
   fd_ = ::socket(AF_UNIX, SOCK_STREAM, 0);
   if (fd_ == -1) {
-    fail(UdsStatus::OpenFailed, errno);
+    setStatus(UdsStatus::OpenFailed, errno);
     return;
   }
   sockaddr_un address;
@@ -80,11 +84,11 @@ void UdsConnection::open() {
   address.sun_family = AF_UNIX;
   memcpy(address.sun_path, kSocketPath, sizeof(kSocketPath));
   if (::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) < 0) {
-    fail(UdsStatus::ConnectFailed, errno);
+    setStatus(UdsStatus::ConnectFailed, errno);
     close();
     return;
   }
-  fail(UdsStatus::Ready, 0);
+  setStatus(UdsStatus::Ready, 0);
 }
 
 void UdsConnection::close() {
@@ -104,12 +108,44 @@ bool UdsConnection::sendLine(std::string_view line) {
   }
   // A short count is taken as success: requests are short single lines.
   if (::send(fd_, line.data(), line.size(), MSG_NOSIGNAL) < 0) {
-    fail(UdsStatus::WriteFailed, errno);
+    setStatus(UdsStatus::WriteFailed, errno);
     close();
     return false;
   }
-  fail(UdsStatus::Ready, 0);
+  setStatus(UdsStatus::Ready, 0);
   return true;
+}
+
+// Sleeps until the daemon has sent something (true), or, unattended, until
+// the time limit has passed without a byte (false). An attended request
+// whose web server stops waiting ends here.
+bool UdsConnection::awaitReply() {
+  const bool attended = unattendedLimitMs_ < 0;
+  pollfd fds[2] = {{fd_, POLLIN, 0}, {attended ? kReplyFd : -1, 0, 0}};
+  for (;;) {
+    const int ready = ::poll(fds, 2, unattendedLimitMs_);
+    if (ready == 0) return false;
+    if (ready < 0) {
+      if (errno == EINTR) continue;
+      return true;  // recv() then blocks and reports what is wrong
+    }
+    if (replyAbandoned(fds[1].revents)) endAbandonedRequest();
+    if (fds[1].revents & POLLNVAL) fds[1].fd = -1;  // no output at all to watch
+    if (fds[0].revents != 0) return true;
+  }
+}
+
+// A daemon that hung up can never finish the reply, so the request can
+// never go on: it lets the others have the lock, and sleeps (never spins on
+// the socket's end of file) until the web server gives up on it.
+void UdsConnection::awaitAbandonment() {
+  lock_.release();
+  pollfd reply = {kReplyFd, 0, 0};
+  for (;;) {
+    if (::poll(&reply, 1, -1) < 0) continue;
+    if (replyAbandoned(reply.revents)) endAbandonedRequest();
+    if (reply.revents & POLLNVAL) reply.fd = -1;  // then only a signal ends us
+  }
 }
 
 bool UdsConnection::readReply(std::string& reply) {
@@ -117,13 +153,23 @@ bool UdsConnection::readReply(std::string& reply) {
   reply.clear();
   char buffer[kChunkSize];
   for (;;) {
-    ssize_t n = ::recv(fd_, buffer, kChunkSize, 0);
-    if (n < 0) {
-      fail(UdsStatus::ReadFailed, errno);
+    if (!awaitReply()) {
+      setStatus(UdsStatus::ReadFailed, ETIMEDOUT);
       close();
       return false;
     }
-    if (n == 0) waitForever();
+    ssize_t n = ::recv(fd_, buffer, kChunkSize, 0);
+    if (n < 0) {
+      setStatus(UdsStatus::ReadFailed, errno);
+      close();
+      return false;
+    }
+    if (n == 0) {
+      if (unattendedLimitMs_ < 0) awaitAbandonment();
+      setStatus(UdsStatus::ReadFailed, 0);
+      close();
+      return false;
+    }
     // Only the new bytes and the two before them can hold a prompt that was
     // not there before, so the search stays linear in the reply's length.
     size_t from = reply.size() >= kPrompt.size() - 1 ? reply.size() - (kPrompt.size() - 1) : 0;
@@ -138,7 +184,7 @@ bool UdsConnection::readReply(std::string& reply) {
     size_t p = findPrompt(reply, from);
     if (p != std::string::npos) {
       reply.resize(p);
-      fail(UdsStatus::Ready, 0);
+      setStatus(UdsStatus::Ready, 0);
       return true;
     }
   }

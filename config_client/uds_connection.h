@@ -4,16 +4,29 @@
 //
 // Socket errors never throw: each operation records its outcome as a
 // UdsStatus plus the errno that came with it, and a failure closes the
-// socket for good. Nothing reconnects; there is no time-out.
+// socket for good. Nothing reconnects.
+//
+// How long a reply is waited for depends on who waits for it:
+// - Attended (the request the web server runs, the default): for as long as
+//   the web server waits, that is, while it keeps its end of our standard
+//   output open; once it closes it, the request ends (abandoned_reply.h). A
+//   daemon that hangs up mid-reply can never finish it: the connection
+//   lets go of its lock and sleeps until the web server gives up.
+// - Unattended (the detached child, which nobody waits for): a hang-up
+//   fails the exchange at once (UdsStatus::ReadFailed, no errno), and so
+//   does a daemon that sends nothing for the given time (ETIMEDOUT).
 #ifndef TZR_CONFIG_CLIENT_UDS_CONNECTION_H_
 #define TZR_CONFIG_CLIENT_UDS_CONNECTION_H_
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
+#include "config_client/daemon_lock.h"
+
 enum class UdsStatus : int {
   Ready = 0,
-  OpenFailed = 1,
+  OpenFailed = 1,  // also before the first open, and when the lock file cannot be opened
   ConnectFailed = 2,
   WriteFailed = 3,
   WaitFailed = 4,  // kept for the message table; nothing sets it
@@ -22,16 +35,22 @@ enum class UdsStatus : int {
 
 class UdsConnection {
  public:
-  // Connects and consumes the daemon's greeting. Check isOpen() afterwards.
-  UdsConnection();
+  // Takes the lock in `lock` mode (daemon_lock.h), connects and consumes the
+  // daemon's greeting. Check isOpen() afterwards.
+  explicit UdsConnection(LockMode lock = LockMode::None);
   ~UdsConnection();
 
   UdsConnection(const UdsConnection&) = delete;
   UdsConnection& operator=(const UdsConnection&) = delete;
 
   void open();
-  void close();
+  void close();  // the socket only: the lock is held until releaseLock()
   bool isOpen() const { return fd_ >= 0; }
+
+  void releaseLock() { lock_.release(); }
+
+  // From now on nobody waits for this process's replies (see above).
+  void setUnattended(std::chrono::milliseconds limit);
 
   // Sends `line` with a carriage return appended unless it already ends in
   // one. An empty line sends nothing and succeeds.
@@ -48,16 +67,21 @@ class UdsConnection {
   // its strerror text.
   std::string statusText() const;
 
-  UdsStatus status() const { return static_cast<UdsStatus>(status_); }
+  UdsStatus status() const { return status_; }
   int savedErrno() const { return savedErrno_; }
 
  private:
-  void fail(UdsStatus status, int error);
+  void setStatus(UdsStatus status, int error);
+  bool awaitReply();
+  [[noreturn]] void awaitAbandonment();
 
   int fd_;
-  int status_;
+  UdsStatus status_;
   int savedErrno_;
-  std::string line_;  // the line being sent, kept to reuse its buffer
+  const LockMode lockMode_;
+  DaemonLock lock_;
+  int unattendedLimitMs_ = -1;  // poll()'s time-out: -1 while attended
+  std::string line_;            // the line being sent, kept to reuse its buffer
 };
 
 #endif  // TZR_CONFIG_CLIENT_UDS_CONNECTION_H_

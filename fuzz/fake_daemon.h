@@ -3,7 +3,8 @@
 // mount namespace with a tmpfs on /tmp where "/tmp/cffs_uds" listens, mutes
 // syslog and sends stdout to /dev/null. Its send() and recv() take the C
 // library's place for the program: send() checks and swallows each request
-// line, recv() hands out the script in chunks of fuzzer-chosen sizes.
+// line, recv() hands out the script in chunks of fuzzer-chosen sizes, and
+// poll() finds every descriptor ready.
 #ifndef TZR_FUZZ_FAKE_DAEMON_H_
 #define TZR_FUZZ_FAKE_DAEMON_H_
 

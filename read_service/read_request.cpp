@@ -22,7 +22,8 @@ bool readValue(ConfigClient& client, const std::string& name, std::string& value
 }  // namespace
 
 void handleReadRequest(std::string names) {
-  ConfigClient client;
+  // Shared with other reads: no write runs while the list is read.
+  ConfigClient client(LockMode::Shared);
   if (!client.isConnected()) {
     writeInternalServerError();
     return;

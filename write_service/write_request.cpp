@@ -5,6 +5,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <chrono>
+
 #include "cgi/reply.h"
 #include "config_client/config_client.h"
 #include "rules/fixed_settings.h"
@@ -57,24 +59,31 @@ void redirectToDevNull(const char* mode, FILE* stream) {
 
 // The parent ends so that the web server can finish the response; the child
 // lets go of the web server's streams and goes on alone. When fork fails the
-// same process goes on.
-void detach() {
+// same process goes on, still watched by the web server. True in the child.
+bool detach() {
   pid_t pid = fork();
   if (pid > 0) exit(0);
   if (pid < 0) {
     syslog(LOG_WARNING, "Failed to fork child process, continuing in parent process");
-    return;
+    return false;
   }
   setsid();
   redirectToDevNull("r", stdin);
   redirectToDevNull("a", stdout);
   redirectToDevNull("a", stderr);
+  return true;
 }
+
+// How long the detached child, which nobody waits for, gives the daemon to
+// answer apply or save: a daemon that applies slowly still gets there.
+constexpr std::chrono::minutes kChildPatience(5);
 
 }  // namespace
 
 void handleWriteRequest(ParameterPath name, std::string value) {
-  ConfigClient client;
+  // Held alone from before the rules' first read to after the last put: two
+  // writes that met would each compute from the other's old values.
+  ConfigClient client(LockMode::Exclusive);
   if (!client.isConnected()) {
     writeInternalServerError();
     return;
@@ -92,8 +101,9 @@ void handleWriteRequest(ParameterPath name, std::string value) {
   applyVideoEncoderRules(client, changes);
 
   bool stored = client.put(changes, reply);
+  client.releaseLock();
   writeReply(stored, name, value, reply);
-  detach();
+  if (detach()) client.setUnattended(kChildPatience);
 
   // After a failed put the connection is closed: apply and save send
   // nothing, and the put's answer is logged again under their labels.

@@ -3,12 +3,16 @@
 // what was logged, by the request's process and by its detached child; then
 // a daemon that goes away at each request of a write, saves cut short, and a
 // long run of writes. What the rules compute is tabled in process (unit/).
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <memory>
 #include <random>
@@ -262,6 +266,32 @@ TEST(RequestTest, Writes) {
 }
 // clang-format on
 
+// The requests' lock, as another request would hold it.
+int takeLock(int operation) {
+  const int fd = open("/tmp/cffs_uds.lock", O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
+  if (flock(fd, operation) == 0) return fd;
+  close(fd);
+  return -1;
+}
+
+bool lockIsFree() {
+  const int fd = takeLock(LOCK_EX | LOCK_NB);
+  close(fd);
+  return fd >= 0;
+}
+
+// The first child, beside those there were, that waits asleep.
+pid_t newSleeper(const std::vector<pid_t>& before) {
+  pid_t found = 0;
+  waitUntil([&] {
+    for (pid_t pid : children()) {
+      if (std::find(before.begin(), before.end(), pid) == before.end()) found = pid;
+    }
+    return found != 0 && asleep(found);
+  });
+  return found;
+}
+
 // Our one child beside the simulator, once there is exactly one (a
 // sanitizer's helper may come and go); 0 if there is none.
 pid_t otherChild(const Simulator& sim) {
@@ -275,75 +305,164 @@ pid_t otherChild(const Simulator& sim) {
   return other;
 }
 
-// The daemon goes away at each request of a write in turn: at the greeting, the
-// 35 reads, the two puts, "apply" and "save". After a reset the request
-// ends at once: 500 until the puts went through, the reply after them.
-// After a hang-up without a reply it waits for good, asleep: the request
-// itself up to the puts, the detached child at "apply" and "save" (the web
-// server has had the whole reply by then).
+// True once every process but the simulator has ended, within `limit`.
+bool onlyTheDaemonLeft(const Simulator& sim, Millis limit = Millis(5000)) {
+  return waitUntil(
+      [&] {
+        while (waitpid(-1, nullptr, WNOHANG) > 0) {
+        }
+        return children() == std::vector<pid_t>{sim.pid()};
+      },
+      limit);
+}
+
+// The daemon goes away at each request of a write in turn: at the greeting,
+// the 35 reads, the two puts, "apply" and "save". After a reset the request
+// ends at once: 500 until the puts went through, the reply after them. A
+// request whose daemon hung up can never go on: it lets go of the lock and
+// waits asleep until the web server gives up on it, then ends. The detached
+// child, which nobody waits for, ends at once (the web server has had the
+// whole reply by then).
 TEST(RequestTest, TheDaemonGoesAwayAtEachRequestOfAWrite) {
   const std::string reply = written(R"(\/configuration\/network\/ip_addr)", "10.0.0.5");
   for (int k = 0; k <= 39; ++k) {
     for (const std::string fault : {"--reset-at", "--hangup-at"}) {
       if (k == 0 && fault == "--reset-at") continue;  // nothing to leave unread yet
       SCOPED_TRACE(fault + " " + std::to_string(k));
-      auto sim = std::make_unique<Simulator>(defaultTree(), Strings{fault, std::to_string(k)});
-      const auto waitsAsleep = [&](bool detached) {
-        const pid_t pid = otherChild(*sim);
-        ASSERT_NE(0, pid);
-        EXPECT_TRUE(waitUntil([&] { return asleep(pid); }));
-        // The reply went out while the child works on, in a session of its
-        // own and with the web server's streams let go.
-        for (int fd = 0; detached && fd < 3; ++fd) {
-          const std::string link = "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
-          EXPECT_EQ("/dev/null", std::filesystem::read_symlink(link));
-        }
-        EXPECT_TRUE(!detached || getsid(pid) == pid);
-        kill(pid, SIGKILL);
-      };
+      Simulator sim(defaultTree(), Strings{fault, std::to_string(k)});
+      const bool waits = fault == "--hangup-at" && k < 38;
+      std::atomic<bool> checked = false;
+      CgiRequest request = {"write=/configuration/network/ip_addr&value=10.0.0.5"};
+      if (waits) request.giveUpWhen = [&] { return checked.load(); };
       CgiResult result;
-      std::thread request(
-          [&] { result = runCgi({"write=/configuration/network/ip_addr&value=10.0.0.5"}); });
-      if (fault == "--hangup-at" && k < 38) waitsAsleep(false);
-      request.join();
-      if (fault == "--hangup-at" && k < 38) {
-        EXPECT_EQ("", result.output);
-      } else {
-        EXPECT_FALSE(result.timedOut);
-        EXPECT_EQ(k < 38 ? k500 + "\n" : reply, result.output);
+      std::thread server([&] { result = runCgi(request); });
+      if (waits) {
+        const pid_t pid = otherChild(sim);
+        EXPECT_TRUE(pid != 0 && waitUntil([&] { return asleep(pid); }));
+        EXPECT_TRUE(lockIsFree());
+        checked = true;
       }
-      if (fault == "--hangup-at" && k >= 38) waitsAsleep(true);
-      sim.reset();
-      EXPECT_TRUE(reapAllChildren());
+      server.join();
+      EXPECT_EQ(waits ? "" : k < 38 ? k500 + "\n" : reply, result.output);
+      EXPECT_EQ(0, result.exitStatus) << "killed";
+      EXPECT_TRUE(onlyTheDaemonLeft(sim, Millis(1000)));
     }
+  }
+  // A daemon that does not answer apply: the detached child waits for it
+  // asleep, in a session of its own, with the web server's streams and the
+  // lock let go.
+  Simulator sim(defaultTree(), {"--delay-command", "apply", "--delay-ms", "60000"});
+  EXPECT_EQ(reply, runCgi({"write=/configuration/network/ip_addr&value=10.0.0.5"}).output);
+  const pid_t child = newSleeper({sim.pid()});
+  ASSERT_NE(0, child);
+  for (int fd = 0; fd < 3; ++fd) {
+    const std::string link = "/proc/" + std::to_string(child) + "/fd/" + std::to_string(fd);
+    EXPECT_EQ("/dev/null", std::filesystem::read_symlink(link));
+  }
+  EXPECT_EQ(child, getsid(child));
+  EXPECT_TRUE(lockIsFree());
+  kill(child, SIGKILL);
+}
+
+// Requests that meet take turns: a write holds the daemon alone from its
+// first read to its last put, a read shares it with reads. A second request
+// started while the first is under way (the daemon slowed down to widen the
+// window) ends as it would after the first, and so does the configuration;
+// without turns each write would compute from the other's old values, and a
+// read between two puts would see half a write.
+TEST(RequestTest, RequestsThatMeetTakeTurns) {
+  const std::string net = "write=/configuration/network/", enc = "write=/configuration/encoders/";
+  const Strings slow = {"--delay-ms", "3"},
+                slowPuts = {"--delay-command", "put", "--delay-ms", "300"};
+  const struct {
+    std::string first, second;
+    Strings daemon;
+    std::string secondAfter = "";  // the daemon has seen a request that starts so
+  } rows[] = {
+      {net + "ip_addr&value=10.0.0.5", net + "subnet_mask&value=255.255.0.0", slow},
+      {"write=/configuration/outputs/rtsp/streams/stream1/aenc&value=3",
+       "write=/configuration/inputs/video/mode&value=single_2", slow},
+      {enc + "venc1/h264/bitrate&value=5000000", enc + "aenc1/bitrate&value=256000", slow},
+      {net + "ip_addr&value=10.0.0.5",
+       "read=/configuration/network/ip_addr,/configuration/network/broadcast_addr", slowPuts,
+       "put /configuration/network/broadcast_addr"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.first + " then " + row.second);
+    Strings alone;
+    ParameterMap saved;
+    {
+      Simulator sim(defaultTree());
+      for (const std::string& query : {row.first, row.second}) {
+        alone.push_back(runCgi({query}).output);
+        ASSERT_TRUE(onlyTheDaemonLeft(sim));
+      }
+      saved = sim.savedTree();
+    }
+    Simulator sim(defaultTree(), row.daemon);
+    CgiResult first;
+    std::thread server([&] { first = runCgi({row.first}); });
+    EXPECT_TRUE(waitUntil([&] {
+      for (const std::string& line : sim.transcript()) {
+        if (line.compare(0, row.secondAfter.size(), row.secondAfter) == 0) return true;
+      }
+      return false;
+    }));
+    const CgiResult second = runCgi({row.second});
+    server.join();
+    EXPECT_EQ(alone, (Strings{first.output, second.output}));
+    EXPECT_TRUE(onlyTheDaemonLeft(sim));
+    EXPECT_EQ(saved, sim.savedTree());
   }
 }
 
-// A save killed anywhere leaves the old tree or the new one, never a torn
-// file, and nothing that piles up across restarts.
-TEST(RequestTest, ASaveKilledAnywhereLeavesOneWholeTree) {
-  ParameterMap tree = defaultTree();
-  for (int i = 0; i < 20000; ++i) tree["/bulk/" + std::to_string(i)] = std::string(40, 'v');
-  Simulator sim(tree);
-  std::minstd_rand random;
-  int cutShort = 0;
-  for (int round = 0; round < 60; ++round) {
-    ParameterMap next = tree;
-    next["/round"] = std::to_string(round);
-    UdsConnection client;
-    std::string answer;
-    ASSERT_TRUE(client.execute("put /round " + next["/round"], answer));
-    client.sendLine("save");
-    std::this_thread::sleep_for(std::chrono::microseconds(random() % 4000));
-    sim.stop(SIGKILL);
-    cutShort += std::filesystem::exists(sim.directory() + "/tree.conf.saving");
-    sim.start();
-    const ParameterMap saved = sim.savedTree();
-    EXPECT_TRUE(saved == tree || saved == next) << "round " << round;
-    EXPECT_EQ(2, std::distance(std::filesystem::directory_iterator(sim.directory()), {}));
-    tree = saved;
+// A request stuck on a daemon that never answers holds the lock until the
+// web server gives up on it; it then ends by itself, and the write that
+// waited goes through.
+TEST(RequestTest, AStuckRequestsTurnPassesWhenTheServerGivesUp) {
+  Simulator sim(defaultTree(), {"--delay-ms", "20"});  // stopped long before the write is done
+  const std::string write = "write=/configuration/network/hostname&value=";
+  std::atomic<bool> givenUp = false;
+  CgiRequest stuck = {write + "stuck"};
+  stuck.giveUpWhen = [&] { return givenUp.load(); };
+  CgiResult first, second;
+  std::thread server([&] { first = runCgi(stuck, Millis(60000)); });
+  ASSERT_TRUE(waitUntil([&] { return !sim.transcript().empty(); }));
+  kill(sim.pid(), SIGSTOP);
+  const std::vector<pid_t> before = children();
+  std::thread next([&] { second = runCgi({write + "next"}, Millis(60000)); });
+  const pid_t waiting = newSleeper(before);
+  ASSERT_NE(0, waiting);
+  // It waits for its turn before connecting: no daemon connection, no socket.
+  for (const auto& fd :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(waiting) + "/fd")) {
+    EXPECT_EQ(std::string::npos, std::filesystem::read_symlink(fd).string().find("socket:"));
   }
-  EXPECT_GT(cutShort, 0) << "no kill landed in the middle of a save";
+  givenUp = true;
+  server.join();
+  EXPECT_EQ(0, first.exitStatus) << "killed";
+  kill(sim.pid(), SIGCONT);
+  next.join();
+  EXPECT_EQ(written(R"(\/configuration\/network\/hostname)", "next"), second.output);
+  EXPECT_TRUE(onlyTheDaemonLeft(sim));
+  EXPECT_EQ("next", sim.savedTree().at("/configuration/network/hostname"));
+}
+
+// A write waits for the reads under way, but the reads that come after it
+// wait for the write: a steady stream of reads cannot starve a write.
+TEST(RequestTest, AWriteInLineGoesBeforeLaterReads) {
+  Simulator sim(defaultTree());
+  const int reading = takeLock(LOCK_SH);  // a read under way
+  CgiResult write, read;
+  std::thread writer([&] { write = runCgi({"write=/configuration/network/hostname&value=next"}); });
+  const pid_t queued = newSleeper({sim.pid()});
+  std::thread reader([&] { read = runCgi({"read=/configuration/network/hostname"}); });
+  EXPECT_NE(0, newSleeper({sim.pid(), queued}));
+  close(reading);
+  writer.join();
+  reader.join();
+  EXPECT_EQ(json(R"({ "\/configuration\/network\/hostname": "next" })"), read.output);
+  EXPECT_TRUE(onlyTheDaemonLeft(sim));
 }
 
 // The shipped default configuration agrees with every rule: writing any of its

@@ -34,7 +34,9 @@ bool reapAllChildren();
 bool asleep(pid_t pid);
 
 // One run of the shipped tzr4417.cgi as a web server makes it: a CGI
-// environment, the body on stdin, stdout until every holder lets go of it.
+// environment, the body on stdin, stdout until every holder lets go of it,
+// or until the server gives up: it closes its end of stdout, gives the
+// program a second to end and then kills it.
 // TZR_CGI_WRAPPER, if set, is a command to run it under (tools/memcheck.py).
 struct CgiRequest {
   std::string query = {};
@@ -44,16 +46,17 @@ struct CgiRequest {
   std::vector<std::pair<std::string, std::string>> env = {};
   // As user nobody allowed no second process, so that fork fails.
   bool forkFails = false;
+  std::function<bool()> giveUpWhen = {};  // checked while the output runs
 };
 
 struct CgiResult {
   std::string output;
   int exitStatus = -1;  // unless it exited normally
-  bool timedOut = false;
+  bool gaveUp = false;  // the server gave up before the output ended
   pid_t pid = 0;
 };
 
-// Kills the program when its output has not ended within `limit`.
+// The server gives up when the output has not ended within `limit`.
 CgiResult runCgi(const CgiRequest& request, Millis limit = Millis(5000));
 
 // The default appliance configuration shipped with the simulator.

@@ -42,7 +42,8 @@ TEST(UdsConnectionTest, ExchangesRequestsAndReplies) {
 
 // Every failure closes the connection for good: later exchanges fail without
 // touching their reply. A daemon that has gone shows as an error, never as a
-// SIGPIPE that would end the program.
+// SIGPIPE that would end the program. Unattended (the detached child), a
+// hang-up or a daemon that stays silent fails the exchange too.
 TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
   signal(SIGPIPE, SIG_DFL);
   rlimit limit;
@@ -52,13 +53,21 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
     UdsStatus status;
     int error;
     std::string text;
-  } rows[] = {{{}, UdsStatus::ConnectFailed, ENOENT, "UDS connect failed: "},
-              {{"--no-listen"}, UdsStatus::ConnectFailed, ECONNREFUSED, "UDS connect failed: "},
-              {{}, UdsStatus::OpenFailed, EMFILE, "UDS open failed: "},  // no descriptor left
-              {{"--reset-at", "1"}, UdsStatus::ReadFailed, ECONNRESET, "UDS read failed: "},
-              {{}, UdsStatus::WriteFailed, EPIPE, "UDS write failed: "}};  // greets, hangs up
+    bool unattended = false;
+  } rows[] = {{{}, UdsStatus::ConnectFailed, ENOENT, "UDS connect failed"},
+              {{"--no-listen"}, UdsStatus::ConnectFailed, ECONNREFUSED, "UDS connect failed"},
+              {{}, UdsStatus::OpenFailed, EMFILE, "UDS open failed"},  // no descriptor left
+              {{}, UdsStatus::OpenFailed, ELOOP, "UDS open failed"},   // a link for a lock file
+              {{"--reset-at", "1"}, UdsStatus::ReadFailed, ECONNRESET, "UDS read failed"},
+              {{}, UdsStatus::WriteFailed, EPIPE, "UDS write failed"},  // greets, hangs up
+              {{"--hangup-at", "1"}, UdsStatus::ReadFailed, 0, "UDS read failed", true},
+              {{"--delay-command", "ls", "--delay-ms", "60000"},
+               UdsStatus::ReadFailed,
+               ETIMEDOUT,
+               "UDS read failed",
+               true}};
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.text);
+    SCOPED_TRACE(row.text + " " + strerror(row.error));
     std::unique_ptr<Simulator> sim(row.daemon.empty() ? nullptr : new Simulator(kTree, row.daemon));
     std::thread daemon;
     if (row.error == EPIPE) {
@@ -78,14 +87,18 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
     rlimit low = {static_cast<rlim_t>(dup(0)), limit.rlim_max};
     close(static_cast<int>(low.rlim_cur));
     if (row.error == EMFILE) setrlimit(RLIMIT_NOFILE, &low);
-    UdsConnection connection;
+    if (row.error == ELOOP) symlink("/nowhere", "/tmp/cffs_uds.lock");
+    UdsConnection connection(row.error == ELOOP ? LockMode::Shared : LockMode::None);
     setrlimit(RLIMIT_NOFILE, &limit);
+    unlink("/tmp/cffs_uds.lock");
     if (daemon.joinable()) daemon.join();
+    if (row.unattended) connection.setUnattended(Millis(50));
     std::string reply = "kept";
     EXPECT_FALSE(connection.isOpen() && connection.execute("ls /a", reply));
     EXPECT_EQ(row.status, connection.status());
     EXPECT_EQ(row.error, connection.savedErrno());
-    EXPECT_EQ(row.text + strerror(row.error), connection.statusText());
+    EXPECT_EQ(row.error ? row.text + ": " + strerror(row.error) : row.text,
+              connection.statusText());
     EXPECT_FALSE(connection.isOpen());
     reply = "kept";
     EXPECT_FALSE(connection.execute("ls /a", reply));

@@ -1,0 +1,80 @@
+#include "config_client/daemon_lock.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "config_client/abandoned_reply.h"
+
+namespace {
+
+constexpr char kLockPath[] = "/tmp/cffs_uds.lock";
+constexpr char kQueuePath[] = "/tmp/cffs_uds.queue";
+
+// Opened for reading only: flock() needs no more, so a file that another
+// user created stays usable. No symbolic link is followed in the shared /tmp.
+int openLockFile(const char* path) {
+  const int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW;
+  int fd = ::open(path, flags);
+  if (fd < 0 && errno == ENOENT) fd = ::open(path, flags | O_CREAT, 0644);
+  return fd;
+}
+
+void onTick(int) {}
+
+// Blocks in flock() for an immediate hand-off, but a timer interrupts the
+// wait once a second to see whether anybody still waits for the request.
+bool waitFor(int fd, int operation) {
+  struct sigaction tick = {}, saved;
+  tick.sa_handler = onTick;  // and no SA_RESTART, so that flock() returns
+  sigemptyset(&tick.sa_mask);
+  ::sigaction(SIGALRM, &tick, &saved);
+  const itimerval everySecond = {{1, 0}, {1, 0}}, stopped = {};
+  ::setitimer(ITIMER_REAL, &everySecond, nullptr);
+  int result;
+  while ((result = ::flock(fd, operation)) != 0 && errno == EINTR) {
+    if (replyAbandoned()) endAbandonedRequest();
+  }
+  const int error = errno;
+  ::setitimer(ITIMER_REAL, &stopped, nullptr);
+  ::sigaction(SIGALRM, &saved, nullptr);
+  errno = error;
+  return result == 0;
+}
+
+// Takes `operation` on `lock` once first in the queue: taken at once when
+// nobody queues and nobody is in the way, else after those ahead.
+bool takeInTurn(int lock, int queue, int operation) {
+  if (::flock(queue, LOCK_EX | LOCK_NB) == 0 && ::flock(lock, operation | LOCK_NB) == 0) {
+    return true;
+  }
+  return waitFor(queue, LOCK_EX) && waitFor(lock, operation);
+}
+
+}  // namespace
+
+bool DaemonLock::acquire(LockMode mode) {
+  release();
+  if (mode == LockMode::None) return true;
+  fd_ = openLockFile(kLockPath);
+  const int queue = fd_ < 0 ? -1 : openLockFile(kQueuePath);
+  const bool taken =
+      queue >= 0 && takeInTurn(fd_, queue, mode == LockMode::Shared ? LOCK_SH : LOCK_EX);
+  const int error = errno;
+  if (queue >= 0) ::close(queue);  // and with it the place in the queue
+  if (!taken) release();
+  errno = error;
+  return taken;
+}
+
+void DaemonLock::release() {
+  if (fd_ < 0) return;
+  // Unlocked before it is closed: a copy of the descriptor that a child
+  // inherited would otherwise keep the lock.
+  ::flock(fd_, LOCK_UN);
+  ::close(fd_);
+  fd_ = -1;
+}
