@@ -292,18 +292,32 @@ pid_t newSleeper(const std::vector<pid_t>& before) {
   return found;
 }
 
-// Our one child beside the simulator, once there is exactly one (a
-// sanitizer's helper may come and go); 0 if there is none.
-pid_t otherChild(const Simulator& sim) {
-  pid_t other = 0;
-  waitUntil([&] {
-    std::vector<pid_t> pids = children();
-    pids.erase(std::remove(pids.begin(), pids.end(), sim.pid()), pids.end());
-    other = pids.size() == 1 ? pids[0] : 0;
-    return other != 0;
-  });
-  return other;
-}
+// A request under way in a thread of its own, until it ends or the web
+// server gives up on it.
+class Pending {
+ public:
+  explicit Pending(const std::string& query)
+      : thread_([this, query] {
+          CgiRequest request = {query};
+          request.giveUpWhen = [this] { return givenUp_.load(); };
+          result_ = runCgi(request, Millis(60000));
+        }) {}
+  ~Pending() { giveUp(); }
+
+  const CgiResult& finish() {
+    if (thread_.joinable()) thread_.join();
+    return result_;
+  }
+  const CgiResult& giveUp() {
+    givenUp_ = true;
+    return finish();
+  }
+
+ private:
+  std::atomic<bool> givenUp_ = false;
+  CgiResult result_;
+  std::thread thread_;  // last: it runs once the others exist
+};
 
 // True once every process but the simulator has ended, within `limit`.
 bool onlyTheDaemonLeft(const Simulator& sim, Millis limit = Millis(5000)) {
@@ -331,18 +345,13 @@ TEST(RequestTest, TheDaemonGoesAwayAtEachRequestOfAWrite) {
       SCOPED_TRACE(fault + " " + std::to_string(k));
       Simulator sim(defaultTree(), Strings{fault, std::to_string(k)});
       const bool waits = fault == "--hangup-at" && k < 38;
-      std::atomic<bool> checked = false;
-      CgiRequest request = {"write=/configuration/network/ip_addr&value=10.0.0.5"};
-      if (waits) request.giveUpWhen = [&] { return checked.load(); };
-      CgiResult result;
-      std::thread server([&] { result = runCgi(request); });
+      Pending request("write=/configuration/network/ip_addr&value=10.0.0.5");
       if (waits) {
-        const pid_t pid = otherChild(sim);
-        EXPECT_TRUE(pid != 0 && waitUntil([&] { return asleep(pid); }));
+        const pid_t pid = newSleeper({sim.pid()});
+        EXPECT_NE(0, pid);
         EXPECT_TRUE(lockIsFree());
-        checked = true;
       }
-      server.join();
+      const CgiResult& result = waits ? request.giveUp() : request.finish();
       EXPECT_EQ(waits ? "" : k < 38 ? k500 + "\n" : reply, result.output);
       EXPECT_EQ(0, result.exitStatus) << "killed";
       EXPECT_TRUE(onlyTheDaemonLeft(sim, Millis(1000)));
@@ -400,8 +409,7 @@ TEST(RequestTest, RequestsThatMeetTakeTurns) {
       saved = sim.savedTree();
     }
     Simulator sim(defaultTree(), row.daemon);
-    CgiResult first;
-    std::thread server([&] { first = runCgi({row.first}); });
+    Pending first(row.first);
     EXPECT_TRUE(waitUntil([&] {
       for (const std::string& line : sim.transcript()) {
         if (line.compare(0, row.secondAfter.size(), row.secondAfter) == 0) return true;
@@ -409,28 +417,23 @@ TEST(RequestTest, RequestsThatMeetTakeTurns) {
       return false;
     }));
     const CgiResult second = runCgi({row.second});
-    server.join();
-    EXPECT_EQ(alone, (Strings{first.output, second.output}));
+    EXPECT_EQ(alone, (Strings{first.finish().output, second.output}));
     EXPECT_TRUE(onlyTheDaemonLeft(sim));
     EXPECT_EQ(saved, sim.savedTree());
   }
 }
 
-// A request stuck on a daemon that never answers holds the lock until the
-// web server gives up on it; it then ends by itself, and the write that
-// waited goes through.
-TEST(RequestTest, AStuckRequestsTurnPassesWhenTheServerGivesUp) {
+// A request stuck on a daemon that never answers holds the lock, and the
+// next one waits for its turn, until the web server gives up on them: each
+// then ends by itself, and the next write goes through.
+TEST(RequestTest, RequestsThatNobodyWaitsForEndAndPassTheirTurnOn) {
   Simulator sim(defaultTree(), {"--delay-ms", "20"});  // stopped long before the write is done
   const std::string write = "write=/configuration/network/hostname&value=";
-  std::atomic<bool> givenUp = false;
-  CgiRequest stuck = {write + "stuck"};
-  stuck.giveUpWhen = [&] { return givenUp.load(); };
-  CgiResult first, second;
-  std::thread server([&] { first = runCgi(stuck, Millis(60000)); });
+  Pending stuck(write + "stuck");
   ASSERT_TRUE(waitUntil([&] { return !sim.transcript().empty(); }));
   kill(sim.pid(), SIGSTOP);
   const std::vector<pid_t> before = children();
-  std::thread next([&] { second = runCgi({write + "next"}, Millis(60000)); });
+  Pending queued(write + "queued");
   const pid_t waiting = newSleeper(before);
   ASSERT_NE(0, waiting);
   // It waits for its turn before connecting: no daemon connection, no socket.
@@ -438,12 +441,11 @@ TEST(RequestTest, AStuckRequestsTurnPassesWhenTheServerGivesUp) {
        std::filesystem::directory_iterator("/proc/" + std::to_string(waiting) + "/fd")) {
     EXPECT_EQ(std::string::npos, std::filesystem::read_symlink(fd).string().find("socket:"));
   }
-  givenUp = true;
-  server.join();
-  EXPECT_EQ(0, first.exitStatus) << "killed";
+  EXPECT_EQ(0, queued.giveUp().exitStatus) << "killed";
+  EXPECT_EQ(0, stuck.giveUp().exitStatus) << "killed";
   kill(sim.pid(), SIGCONT);
-  next.join();
-  EXPECT_EQ(written(R"(\/configuration\/network\/hostname)", "next"), second.output);
+  EXPECT_EQ(written(R"(\/configuration\/network\/hostname)", "next"),
+            runCgi({write + "next"}).output);
   EXPECT_TRUE(onlyTheDaemonLeft(sim));
   EXPECT_EQ("next", sim.savedTree().at("/configuration/network/hostname"));
 }
@@ -453,15 +455,13 @@ TEST(RequestTest, AStuckRequestsTurnPassesWhenTheServerGivesUp) {
 TEST(RequestTest, AWriteInLineGoesBeforeLaterReads) {
   Simulator sim(defaultTree());
   const int reading = takeLock(LOCK_SH);  // a read under way
-  CgiResult write, read;
-  std::thread writer([&] { write = runCgi({"write=/configuration/network/hostname&value=next"}); });
+  Pending write("write=/configuration/network/hostname&value=next");
   const pid_t queued = newSleeper({sim.pid()});
-  std::thread reader([&] { read = runCgi({"read=/configuration/network/hostname"}); });
+  Pending read("read=/configuration/network/hostname");
   EXPECT_NE(0, newSleeper({sim.pid(), queued}));
   close(reading);
-  writer.join();
-  reader.join();
-  EXPECT_EQ(json(R"({ "\/configuration\/network\/hostname": "next" })"), read.output);
+  write.finish();
+  EXPECT_EQ(json(R"({ "\/configuration\/network\/hostname": "next" })"), read.finish().output);
   EXPECT_TRUE(onlyTheDaemonLeft(sim));
 }
 

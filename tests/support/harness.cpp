@@ -205,7 +205,7 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
   close(out[0]);
   int status = 0;
   if (!waitUntil([&] { return waitpid(result.pid, &status, WNOHANG) != 0; },
-                 Millis(1000) * slowness)) {
+                 Millis(2000) * slowness)) {
     kill(result.pid, SIGKILL);
     waitpid(result.pid, &status, 0);
   }

@@ -36,7 +36,7 @@ bool asleep(pid_t pid);
 // One run of the shipped tzr4417.cgi as a web server makes it: a CGI
 // environment, the body on stdin, stdout until every holder lets go of it,
 // or until the server gives up: it closes its end of stdout, gives the
-// program a second to end and then kills it.
+// program two seconds to end and then kills it.
 // TZR_CGI_WRAPPER, if set, is a command to run it under (tools/memcheck.py).
 struct CgiRequest {
   std::string query = {};
