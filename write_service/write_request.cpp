@@ -9,11 +9,7 @@
 
 #include "cgi/reply.h"
 #include "config_client/config_client.h"
-#include "rules/fixed_settings.h"
-#include "rules/mux_bitrate.h"
-#include "rules/video_encoder.h"
-#include "write_service/change_set.h"
-#include "write_service/triggered_rule.h"
+#include "write_service/collect_changes.h"
 
 namespace {
 
@@ -92,14 +88,7 @@ void handleWriteRequest(ParameterPath name, std::string value) {
   syslog(LOG_INFO, "Setting parameter %s to %s", name.c_str(), value.c_str());
   normalise(value);
 
-  ChangeSet changes;
-  // Always sent, even when the daemon already holds the value.
-  changes[name] = value;
-  applyTriggeredRule(client, changes, name, value);
-  applyFixedSettings(client, changes);
-  applyMuxBitrateRule(client, changes);
-  applyVideoEncoderRules(client, changes);
-
+  const ChangeSet changes = collectChanges(client, name, value);
   bool stored = client.put(changes, reply);
   client.releaseLock();
   writeReply(stored, name, value, reply);
