@@ -33,21 +33,6 @@ def run(*command, **kwargs):
     return subprocess.run(command, check=True, **kwargs)
 
 
-class Simulator:
-    def __init__(self, sim, tree, transcript=None):
-        command = [sim, "--config", tree]
-        if transcript:
-            command += ["--transcript", transcript]
-        self.process = subprocess.Popen(command, stdout=subprocess.PIPE,
-                                        stderr=subprocess.DEVNULL, text=True)
-        if self.process.stdout.readline().strip() != "ready":
-            sys.exit("the simulator did not start")
-
-    def stop(self):
-        self.process.terminate()
-        self.process.wait()
-
-
 def cgi_env(query):
     return {"PATH": "/usr/bin:/bin", "REQUEST_METHOD": "GET", "QUERY_STRING": query}
 
@@ -145,11 +130,11 @@ def request_kinds():
 def round_trips(sim, program, kinds):
     """Counts each kind's "ls" and "put" requests through the simulator's
     transcript, so that the floor makes exactly as many."""
-    transcript = "/tmp/calibration"
-    simulator = Simulator(sim, "/tmp/appliance.conf", transcript)
+    transcript = "/tmp/transcript"
+    simulator = sandbox.Simulator(sim)
     counts = {}
     for key, _, query, _ in kinds:
-        before = os.path.getsize(transcript) if os.path.exists(transcript) else 0
+        before = os.path.getsize(transcript)
         reply = reply_of(program, query)
         if not reply.startswith(b"Content-Type: application/json\n\n{"):
             sys.exit(f"{key}: unexpected reply {reply[:200]!r}")
@@ -377,7 +362,6 @@ def main():
     for name, path in built.items():
         run("cp", path, f"/tmp/bin/{name}")
     program, dynamic, floor, fixed, iostream = (f"/tmp/bin/{name}" for name in built)
-    run("cp", DEFAULT_CONF, "/tmp/appliance.conf")
     table = Table()
     kinds = request_kinds()
     floors = {}
@@ -390,14 +374,14 @@ def main():
 
     # Through lighttpd, on every core: throughput counts every cycle.
     progress("lighttpd and wrk ...")
-    simulator = Simulator(sim, "/tmp/appliance.conf")
+    simulator = sandbox.Simulator(sim, quiet=True)
     read10 = next(query for key, _, query, _ in kinds if key == "read-10")
     rates = wrk_rates({"tzr4417": program, "floor": floor, "fixed": fixed}, read10,
                       3 if args.quick else 5, 2 if args.quick else 4)
     simulator.stop()
 
     os.sched_setaffinity(0, {pinned_cpu()})
-    simulator = Simulator(sim, "/tmp/appliance.conf")
+    simulator = sandbox.Simulator(sim, quiet=True)
     progress("direct runs (hyperfine) ...")
     direct_rows(table, program, floors, trips, kinds, rounds, scale)
     table.add("lighttpd, wrk -c4: read of 10 names, requests/s", f"{rates['tzr4417']:.0f}",
@@ -412,7 +396,7 @@ def main():
     simulator.stop()
 
     scaling_tree()
-    simulator = Simulator(sim, "/tmp/scaling.conf")
+    simulator = sandbox.Simulator(sim, tree="/tmp/scaling.conf", quiet=True)
     progress("scaling ...")
     scaling_rows(table, program, floor, max(2, rounds // 2), scale)
     simulator.stop()
