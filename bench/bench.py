@@ -12,40 +12,28 @@ import argparse
 import json
 import os
 import re
+import shutil
 import statistics
 import subprocess
 import sys
-import time
 import urllib.request
+from pathlib import Path
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "tools"))
+ROOT = Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(ROOT / "tools"))
 import sandbox  # noqa: E402
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-BASELINE = os.path.join(ROOT, "bench", "callgrind-baseline.txt")
-DEFAULT_CONF = os.path.join(ROOT, "tools", "appliance-default.conf")
+BASELINE = ROOT / "bench/callgrind-baseline.txt"
+DEFAULT_CONF = ROOT / "tools/appliance-default.conf"
 IP = "/configuration/network/ip_addr"
 HOST = "/configuration/network/hostname"
 MS = 1e3
+# Runs whose page faults are counted; odd, so that the median is one of them.
+FAULT_RUNS = 11
 
 
 def run(*command, **kwargs):
     return subprocess.run(command, check=True, **kwargs)
-
-
-class Simulator:
-    def __init__(self, sim, tree, transcript=None):
-        command = [sim, "--config", tree]
-        if transcript:
-            command += ["--transcript", transcript]
-        self.process = subprocess.Popen(command, stdout=subprocess.PIPE,
-                                        stderr=subprocess.DEVNULL, text=True)
-        if self.process.stdout.readline().strip() != "ready":
-            sys.exit("the simulator did not start")
-
-    def stop(self):
-        self.process.terminate()
-        self.process.wait()
 
 
 def cgi_env(query):
@@ -86,12 +74,17 @@ def timed(cases, rounds):
     return {key: [statistics.median(s) for s in lists] for key, lists in samples.items()}
 
 
-def cpu_time(command, query):
-    """User and system time of one run, in seconds."""
+def usage_of(command, query):
+    """The resource usage of one run, its output discarded."""
     args = command.split()
     pid = os.posix_spawn(args[0], args, cgi_env(query),
                          file_actions=[(os.POSIX_SPAWN_OPEN, 1, "/dev/null", os.O_WRONLY, 0)])
-    usage = os.wait4(pid, 0)[2]
+    return os.wait4(pid, 0)[2]
+
+
+def cpu_time(command, query):
+    """User and system time of one run, in seconds."""
+    usage = usage_of(command, query)
     return usage.ru_utime + usage.ru_stime
 
 
@@ -145,20 +138,21 @@ def request_kinds():
 def round_trips(sim, program, kinds):
     """Counts each kind's "ls" and "put" requests through the simulator's
     transcript, so that the floor makes exactly as many."""
-    transcript = "/tmp/calibration"
-    simulator = Simulator(sim, "/tmp/appliance.conf", transcript)
+    transcript = Path("/tmp/transcript")
+    simulator = sandbox.Simulator(sim)
     counts = {}
-    for key, _, query, _ in kinds:
-        before = os.path.getsize(transcript) if os.path.exists(transcript) else 0
+    for key, _, query, write in kinds:
+        before = transcript.stat().st_size
         reply = reply_of(program, query)
         if not reply.startswith(b"Content-Type: application/json\n\n{"):
             sys.exit(f"{key}: unexpected reply {reply[:200]!r}")
-        with open(transcript, "rb") as f:
+        with transcript.open("rb") as f:
             f.seek(before)
             lines = f.read().splitlines()
         counts[key] = (sum(line.startswith(b"ls ") for line in lines),
                        sum(line.startswith(b"put ") for line in lines))
-        time.sleep(0.05)  # let a write's child send apply and save
+        if write:  # its detached child ends the dialogue with apply and save
+            sandbox.poll(lambda: transcript.read_bytes().endswith(b"save\\r\n"), bool)
     simulator.stop()
     return counts
 
@@ -167,24 +161,18 @@ def wrk_rates(programs, query, rounds, seconds):
     """Requests per second through lighttpd, each program in turn per round."""
     os.makedirs("/tmp/www")
     for name, path in programs.items():
-        run("cp", path, f"/tmp/www/{name}.cgi")
+        shutil.copy(path, f"/tmp/www/{name}.cgi")
     port = sandbox.free_port()
-    with open("/tmp/lighttpd.conf", "w") as f:
-        f.write(f'server.document-root = "/tmp/www"\nserver.bind = "127.0.0.1"\n'
-                f'server.port = {port}\nserver.modules = ("mod_cgi")\n'
-                f'cgi.assign = (".cgi" => "")\nserver.errorlog = "/tmp/lighttpd.log"\n')
-    server = subprocess.Popen(["lighttpd", "-D", "-f", "/tmp/lighttpd.conf"],
-                              stdin=subprocess.DEVNULL)
+    Path("/tmp/lighttpd.conf").write_text(
+        f'server.document-root = "/tmp/www"\nserver.bind = "127.0.0.1"\n'
+        f'server.port = {port}\nserver.modules = ("mod_cgi")\n'
+        f'cgi.assign = (".cgi" => "")\nserver.errorlog = "/tmp/lighttpd.log"\n')
+    server = sandbox.serve(["lighttpd", "-D", "-f", "/tmp/lighttpd.conf"], port)
     urls = {name: f"http://127.0.0.1:{port}/{name}.cgi?{query}" for name in programs}
     try:
-        for _ in range(100):
-            try:
-                with urllib.request.urlopen(urls["tzr4417"]) as reply:
-                    if not reply.read().startswith(b'{ "\\/configuration'):
-                        sys.exit("unexpected reply through lighttpd")
-                break
-            except OSError:
-                time.sleep(0.05)
+        with urllib.request.urlopen(urls["tzr4417"]) as reply:
+            if not reply.read().startswith(b'{ "\\/configuration'):
+                sys.exit("unexpected reply through lighttpd")
         rates = {name: [] for name in programs}
         for r in range(rounds):
             for name in (list(programs) if r % 2 == 0 else list(reversed(programs))):
@@ -219,19 +207,13 @@ def stripped_size(path):
 
 
 def page_faults(command, query):
-    args = command.split()
-    faults = []
-    for _ in range(11):
-        pid = os.posix_spawn(args[0], args, cgi_env(query),
-                             file_actions=[(os.POSIX_SPAWN_OPEN, 1, "/dev/null", os.O_WRONLY, 0)])
-        faults.append(os.wait4(pid, 0)[2].ru_minflt)
-    return statistics.median(faults)
+    return statistics.median(usage_of(command, query).ru_minflt for _ in range(FAULT_RUNS))
 
 
 def read_baseline():
     baseline = {}
-    if os.path.exists(BASELINE):
-        with open(BASELINE) as f:
+    if BASELINE.exists():
+        with BASELINE.open() as f:
             for line in f:
                 if line.strip() and not line.startswith("#"):
                     key, count = line.split()
@@ -240,7 +222,7 @@ def read_baseline():
 
 
 def write_baseline(counts):
-    with open(BASELINE, "w") as f:
+    with BASELINE.open("w") as f:
         f.write("# Instructions callgrind counts in tzr4417.cgi's own process per request kind\n"
                 "# (static build, default configuration). bench/run.sh --update-baseline\n"
                 "# rewrites it; a commit that moves a kind by more than 10 % says why.\n")
@@ -362,9 +344,10 @@ def main():
 
     rounds = 3 if args.quick else 7
     scale = 0.3 if args.quick else 1.0
-    sim = os.path.join(args.tools, "tools", "cffs-sim")
-    floor = os.path.join(args.tools, "bench", "floor_cgi")
-    fixed = os.path.join(args.tools, "bench", "fixed_cgi")
+    tools = Path(args.tools)
+    sim = tools / "tools/cffs-sim"
+    floor = tools / "bench/floor_cgi"
+    fixed = tools / "bench/fixed_cgi"
     program = args.static
 
     sandbox.enter()
@@ -373,11 +356,10 @@ def main():
     # faults it takes to start it, by as much as the differences measured.
     os.mkdir("/tmp/bin")
     built = {"static": args.static, "dynamic": args.dynamic, "floor": floor, "fixed": fixed,
-             "iostream": os.path.join(args.tools, "bench", "iostream_start")}
+             "iostream": tools / "bench/iostream_start"}
     for name, path in built.items():
-        run("cp", path, f"/tmp/bin/{name}")
+        shutil.copy(path, f"/tmp/bin/{name}")
     program, dynamic, floor, fixed, iostream = (f"/tmp/bin/{name}" for name in built)
-    run("cp", DEFAULT_CONF, "/tmp/appliance.conf")
     table = Table()
     kinds = request_kinds()
     floors = {}
@@ -390,14 +372,14 @@ def main():
 
     # Through lighttpd, on every core: throughput counts every cycle.
     progress("lighttpd and wrk ...")
-    simulator = Simulator(sim, "/tmp/appliance.conf")
+    simulator = sandbox.Simulator(sim, quiet=True)
     read10 = next(query for key, _, query, _ in kinds if key == "read-10")
     rates = wrk_rates({"tzr4417": program, "floor": floor, "fixed": fixed}, read10,
                       3 if args.quick else 5, 2 if args.quick else 4)
     simulator.stop()
 
     os.sched_setaffinity(0, {pinned_cpu()})
-    simulator = Simulator(sim, "/tmp/appliance.conf")
+    simulator = sandbox.Simulator(sim, quiet=True)
     progress("direct runs (hyperfine) ...")
     direct_rows(table, program, floors, trips, kinds, rounds, scale)
     table.add("lighttpd, wrk -c4: read of 10 names, requests/s", f"{rates['tzr4417']:.0f}",
@@ -412,7 +394,7 @@ def main():
     simulator.stop()
 
     scaling_tree()
-    simulator = Simulator(sim, "/tmp/scaling.conf")
+    simulator = sandbox.Simulator(sim, tree="/tmp/scaling.conf", quiet=True)
     progress("scaling ...")
     scaling_rows(table, program, floor, max(2, rounds // 2), scale)
     simulator.stop()

@@ -3,8 +3,8 @@
 loopback, in a private /tmp: tools/sandbox.py). CLIENTS clients at once each
 write WRITES parameters of their own; afterwards every write must be in the
 simulator's saved tree, no process of the program may be left, and neither
-lighttpd nor the simulator may hold more descriptors than when idle before. Prints the
-figures; exits 1 when anything was lost or left. Needs root.
+lighttpd nor the simulator may hold more descriptors than when idle before.
+Prints the figures; exits 1 when anything was lost or left. Needs root.
 
   bench/load.py CGI SIMULATOR [--clients 8] [--writes 200]
 """
@@ -14,17 +14,24 @@ import os
 import sys
 import threading
 import time
+from pathlib import Path
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "tools"))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tools"))
 import sandbox  # noqa: E402
 
 
 # Writes without fetch metadata come only from the appliance's own pages.
 OWN_PAGE = {"Referer": "http://127.0.0.1/console/"}
+# Seconds to wait for a reply, for the last detached children to apply and
+# save, and for processes and descriptors to settle after them.
+REQUEST_TIMEOUT = 60
+SAVE_WAIT = 30
+SETTLE_WAIT = 10
+SHOWN_REFUSALS = 10  # refused writes printed in full
 
 
 def write_all(port, client, writes, refused):
-    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=60)
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=REQUEST_TIMEOUT)
     for number in range(writes):
         connection.request("GET", f"/cgi-bin/tzr4417.cgi?write=/load/{client}/{number}"
                                   f"&value={client}.{number}", headers=OWN_PAGE)
@@ -48,9 +55,8 @@ def stragglers(keep):
                 break
         except ChildProcessError:
             break
-    tasks = "/proc/self/task"
-    pids = {int(pid) for task in os.listdir(tasks)
-            for pid in open(f"{tasks}/{task}/children").read().split()}
+    pids = {int(pid) for task in Path("/proc/self/task").iterdir()
+            for pid in (task / "children").read_text().split()}
     return pids - keep
 
 
@@ -84,16 +90,17 @@ def main():
 
     # The last replies come before their children apply and save.
     wanted = {f"/load/{c}/{n}": f"{c}.{n}" for c in range(args.clients) for n in range(args.writes)}
-    saved = sandbox.poll(saved_writes, wanted.__eq__, 30)
+    saved = sandbox.poll(saved_writes, wanted.__eq__, SAVE_WAIT)
     lost = sum(saved.get(path) != value for path, value in wanted.items())
-    left = sandbox.poll(lambda: stragglers({server.pid, sim.proc.pid}), lambda pids: not pids, 10)
+    left = sandbox.poll(lambda: stragglers({server.pid, sim.proc.pid}), lambda pids: not pids,
+                        SETTLE_WAIT)
     settled = lambda now: all(a <= b for a, b in zip(now, idle))  # noqa: E731
-    open_now = sandbox.poll(lambda: descriptors(server, sim.proc), settled, 10)
+    open_now = sandbox.poll(lambda: descriptors(server, sim.proc), settled, SETTLE_WAIT)
     print(f"{len(wanted)} writes by {args.clients} clients in {elapsed:.2f} s "
           f"({len(wanted) / elapsed:.0f} writes/s): {len(wanted) - lost} held in the saved tree, "
           f"{lost} lost, {len(refused)} refused; {len(left)} processes left; descriptors of "
           f"lighttpd and the simulator {idle} before, {open_now} after")
-    for line in refused[:10]:
+    for line in refused[:SHOWN_REFUSALS]:
         print("refused:", line)
     sys.exit(1 if lost or refused or left or not settled(open_now) else 0)
 

@@ -12,15 +12,7 @@ targets=(transport read_service write_rules request json_escape)
 
 tools/install-deps.sh
 # clang alone does not bring the sanitizer and libFuzzer runtimes.
-missing=()
-for package in clang libclang-rt-14-dev; do
-  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
+tools/install-deps.sh clang libclang-rt-14-dev
 
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTZR_FUZZ=ON \
   -DTZR_BUILD_TESTS=OFF >/dev/null

@@ -14,16 +14,19 @@ import re
 import shutil
 import subprocess
 import sys
+from pathlib import Path
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-BUILD = os.path.join(ROOT, "build-memcheck")
-LOGS = os.path.join(BUILD, "memcheck")
+ROOT = Path(__file__).resolve().parents[1]
+BUILD = ROOT / "build-memcheck"
+LOGS = BUILD / "memcheck"
+# Seconds per test: memcheck slows the program down many times over.
+TEST_TIMEOUT = 1200
 FD = re.compile(r"Open (?:AF_UNIX socket|file descriptor) (\d+):.*\n((?:==\d+== +\S.*\n)*)")
 
 
 def verdict(logs):
     """Problems found in the logs, and how many processes they cover."""
-    texts = {name.split(".")[0]: open(os.path.join(logs, name)).read() for name in os.listdir(logs)}
+    texts = {log.name.split(".")[0]: log.read_text() for log in Path(logs).iterdir()}
     forked = set(re.findall(r"Parent PID: (\d+)", "".join(texts.values())))
     problems = []
     for pid, text in sorted(texts.items()):
@@ -41,17 +44,18 @@ def main():
     def run(*command, **options):
         subprocess.run(command, check=True, **options)
 
-    run(os.path.join(ROOT, "tools/install-deps.sh"))
+    run(ROOT / "tools/install-deps.sh")
     run("cmake", "-S", ROOT, "-B", BUILD, "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DTZR_STATIC=OFF",
         "-DTZR_WERROR=ON", stdout=subprocess.DEVNULL)
     run("cmake", "--build", BUILD, f"-j{os.cpu_count()}")
     shutil.rmtree(LOGS, ignore_errors=True)
-    os.makedirs(LOGS)
-    os.chmod(LOGS, 0o1777)  # a write run as user nobody logs here too
+    LOGS.mkdir()
+    LOGS.chmod(0o1777)  # a write run as user nobody logs here too
     wrapper = ("valgrind --trace-children=yes --track-fds=yes --leak-check=full "
                f"--errors-for-leak-kinds=definite,indirect,possible --log-file={LOGS}/%p.log")
     tests = subprocess.run(["ctest", f"-j{os.cpu_count()}", "-R", r"^e2e\.", "--output-on-failure",
-                            "--timeout", "1200"], cwd=BUILD, env={**os.environ, "TZR_CGI_WRAPPER": wrapper})
+                            "--timeout", str(TEST_TIMEOUT)],
+                           cwd=BUILD, env={**os.environ, "TZR_CGI_WRAPPER": wrapper})
     problems, processes = verdict(LOGS)
     print("\n".join(problems))
     print(f"memcheck: {processes} processes, {len(problems)} problems (logs in {LOGS})")

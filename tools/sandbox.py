@@ -81,13 +81,15 @@ def poll(probe, done, seconds=5):
 
 
 class Simulator:
-    """The daemon simulator on /tmp/cffs_uds, its tree in /tmp/appliance.conf."""
+    """The daemon simulator on /tmp/cffs_uds, its tree in /tmp/appliance.conf.
+    Quiet, it keeps neither transcript nor log, each a write per request that
+    a measurement would count against the program."""
 
-    def __init__(self, sim, *options, tree=SRC / "tools/appliance-default.conf"):
+    def __init__(self, sim, *options, tree=SRC / "tools/appliance-default.conf", quiet=False):
         subprocess.run(["cp", tree, "/tmp/appliance.conf"], check=True)
+        records = [] if quiet else ["--transcript", "/tmp/transcript", "--verbose"]
         with open("/tmp/simulator.log", "w") as log:
-            self.proc = spawn([*EMULATOR, sim, "--config", "/tmp/appliance.conf", "--transcript",
-                               "/tmp/transcript", "--verbose", *options],
+            self.proc = spawn([*EMULATOR, sim, "--config", "/tmp/appliance.conf", *records, *options],
                               stdout=subprocess.PIPE, stderr=log, text=True)
         if self.proc.stdout.readline() != "ready\n":
             sys.exit("sandbox: the simulator did not start")

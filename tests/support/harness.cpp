@@ -41,10 +41,7 @@ std::string readFile(const std::string& path) {
   return text.str();
 }
 
-ParameterMap treeIn(const std::string& path) {
-  cffs_sim::Tree tree = cffs_sim::ParseTree(readFile(path));
-  return ParameterMap(tree.begin(), tree.end());
-}
+ParameterMap treeIn(const std::string& path) { return parseTree(readFile(path)); }
 
 // A cross build's programs run through the emulator (qemu-user), the build
 // machine knowing no other way to start them; and the program may run under
@@ -218,8 +215,7 @@ ParameterMap defaultTree() { return treeIn(TZR_DEFAULT_CONFIG); }
 Simulator::Simulator(const ParameterMap& tree, Strings arguments) : arguments_(arguments) {
   char pattern[] = "/tmp/sim-XXXXXX";
   directory_ = mkdtemp(pattern);
-  std::ofstream(directory_ + "/tree.conf", std::ios::binary)
-      << cffs_sim::FormatTree(cffs_sim::Tree(tree.begin(), tree.end()));
+  std::ofstream(directory_ + "/tree.conf", std::ios::binary) << formatTree(tree);
   arguments_.insert(arguments_.begin(), {"--config", directory_ + "/tree.conf", "--transcript",
                                          directory_ + "/transcript"});
   start();

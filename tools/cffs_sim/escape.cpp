@@ -1,9 +1,8 @@
 #include "cffs_sim/escape.h"
 
-namespace cffs_sim {
 namespace {
 
-int HexDigit(char c) {
+int hexDigit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
   if (c >= 'A' && c <= 'F') return c - 'A' + 10;
@@ -12,7 +11,7 @@ int HexDigit(char c) {
 
 }  // namespace
 
-std::string Escape(std::string_view raw) {
+std::string escape(std::string_view raw) {
   static const char kHex[] = "0123456789ABCDEF";
   std::string out;
   out.reserve(raw.size());
@@ -44,7 +43,7 @@ std::string Escape(std::string_view raw) {
   return out;
 }
 
-std::string Unescape(std::string_view escaped) {
+std::string unescape(std::string_view escaped) {
   std::string out;
   out.reserve(escaped.size());
   for (size_t i = 0; i < escaped.size(); ++i) {
@@ -77,8 +76,8 @@ std::string Unescape(std::string_view escaped) {
     int high = -1;
     int low = -1;
     if (next == 'x' && i + 3 < escaped.size()) {
-      high = HexDigit(escaped[i + 2]);
-      low = HexDigit(escaped[i + 3]);
+      high = hexDigit(escaped[i + 2]);
+      low = hexDigit(escaped[i + 3]);
     }
     if (high >= 0 && low >= 0) {
       out += static_cast<char>(high * 16 + low);
@@ -89,5 +88,3 @@ std::string Unescape(std::string_view escaped) {
   }
   return out;
 }
-
-}  // namespace cffs_sim

@@ -5,22 +5,18 @@
 // (upper-case hex).  Bytes 0x80 and up pass through unchanged, so UTF-8
 // values stay readable in the file.
 
-#ifndef CFFS_SIM_ESCAPE_H_
-#define CFFS_SIM_ESCAPE_H_
+#ifndef TZR_TOOLS_CFFS_SIM_ESCAPE_H_
+#define TZR_TOOLS_CFFS_SIM_ESCAPE_H_
 
 #include <string>
 #include <string_view>
 
-namespace cffs_sim {
+std::string escape(std::string_view raw);
 
-std::string Escape(std::string_view raw);
-
-// Inverse of Escape().  Lenient on purpose, because hand-edited files and
+// Inverse of escape().  Lenient on purpose, because hand-edited files and
 // command lines feed it: \xHH takes upper- or lower-case hex, and a backslash
 // that starts no known escape (or ends the text) is kept as it is, so
-// "C:\dir" survives.  Unescape(Escape(s)) == s for every s.
-std::string Unescape(std::string_view escaped);
+// "C:\dir" survives.  unescape(escape(s)) == s for every s.
+std::string unescape(std::string_view escaped);
 
-}  // namespace cffs_sim
-
-#endif  // CFFS_SIM_ESCAPE_H_
+#endif  // TZR_TOOLS_CFFS_SIM_ESCAPE_H_

@@ -13,26 +13,25 @@
 #include "cffs_sim/tree.h"
 
 int main(int argc, char** argv) {
-  cffs_sim::Options options;
+  Options options;
   std::string error;
-  switch (
-      cffs_sim::ParseOptions(std::vector<std::string>(argv + 1, argv + argc), &options, &error)) {
-    case cffs_sim::ParseResult::kHelp:
-      std::fputs(cffs_sim::kUsage, stdout);
+  switch (parseOptions(std::vector<std::string>(argv + 1, argv + argc), options, error)) {
+    case ParseResult::Help:
+      std::fputs(kUsage, stdout);
       return 0;
-    case cffs_sim::ParseResult::kError:
-      std::fprintf(stderr, "cffs-sim: %s\n%s", error.c_str(), cffs_sim::kUsage);
+    case ParseResult::Error:
+      std::fprintf(stderr, "cffs-sim: %s\n%s", error.c_str(), kUsage);
       return 2;
-    case cffs_sim::ParseResult::kRun:
+    case ParseResult::Run:
       break;
   }
 
-  cffs_sim::Tree tree;
-  if (!options.config_file.empty()) ::unlink(cffs_sim::SavingFile(options.config_file).c_str());
-  if (!options.config_file.empty() && !cffs_sim::LoadTree(options.config_file, &tree, &error)) {
-    std::fprintf(stderr, "cffs-sim: cannot read %s: %s\n", options.config_file.c_str(),
+  Tree tree;
+  if (!options.configFile.empty()) ::unlink(savingFile(options.configFile).c_str());
+  if (!options.configFile.empty() && !loadTree(options.configFile, tree, error)) {
+    std::fprintf(stderr, "cffs-sim: cannot read %s: %s\n", options.configFile.c_str(),
                  error.c_str());
     return 2;
   }
-  return cffs_sim::Serve(options, &tree);
+  return serve(options, tree);
 }

@@ -5,8 +5,6 @@
 
 #include "cffs_sim/escape.h"
 
-namespace cffs_sim {
-
 const char kUsage[] =
     "usage: cffs-sim [--socket PATH] [--config FILE] [--transcript FILE] [--verbose]\n"
     "                [--no-listen] [--reset-at K] [--hangup-at K]\n"
@@ -16,33 +14,33 @@ const char kUsage[] =
 
 namespace {
 
-bool ParseInt(const std::string& text, int min, int* out) {
+bool parseInt(const std::string& text, int min, int& out) {
   int value = 0;
   const char* end = text.data() + text.size();
   auto [ptr, ec] = std::from_chars(text.data(), end, value);
   if (ec != std::errc() || ptr != end || value < min) return false;
-  *out = value;
+  out = value;
   return true;
 }
 
 }  // namespace
 
-ParseResult ParseOptions(const std::vector<std::string>& args, Options* options,
-                         std::string* error) {
+ParseResult parseOptions(const std::vector<std::string>& args, Options& options,
+                         std::string& error) {
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& name = args[i];
-    if (name == "--help" || name == "-h") return ParseResult::kHelp;
+    if (name == "--help" || name == "-h") return ParseResult::Help;
     if (name == "--verbose") {
-      options->verbose = true;
+      options.verbose = true;
       continue;
     }
     if (name == "--no-listen") {
-      options->no_listen = true;
+      options.noListen = true;
       continue;
     }
     if (i + 1 == args.size()) {
-      *error = name.rfind("--", 0) == 0 ? name + " needs a value" : "unknown argument " + name;
-      return ParseResult::kError;
+      error = name.rfind("--", 0) == 0 ? name + " needs a value" : "unknown argument " + name;
+      return ParseResult::Error;
     }
     const std::string& value = args[++i];
     // Name, smallest accepted value, destination.
@@ -53,45 +51,43 @@ ParseResult ParseOptions(const std::vector<std::string>& args, Options* options,
     };
     int chunk = 0;
     const Number numbers[] = {
-        {"--reset-at", 1, &options->reset_at},
-        {"--hangup-at", 0, &options->hangup_at},
+        {"--reset-at", 1, &options.resetAt},
+        {"--hangup-at", 0, &options.hangupAt},
         {"--chunk", 1, &chunk},
-        {"--chunk-gap-ms", 0, &options->chunk_gap_ms},
-        {"--delay-ms", 0, &options->delay_ms},
+        {"--chunk-gap-ms", 0, &options.chunkGapMs},
+        {"--delay-ms", 0, &options.delayMs},
     };
     bool known = false;
     for (const Number& number : numbers) {
       if (name != number.name) continue;
       known = true;
-      if (!ParseInt(value, number.min, number.out)) {
-        *error = name + " wants a whole number of at least " + std::to_string(number.min) +
-                 ", not \"" + value + "\"";
-        return ParseResult::kError;
+      if (!parseInt(value, number.min, *number.out)) {
+        error = name + " wants a whole number of at least " + std::to_string(number.min) +
+                ", not \"" + value + "\"";
+        return ParseResult::Error;
       }
     }
-    if (chunk > 0) options->chunk = static_cast<size_t>(chunk);
+    if (chunk > 0) options.chunk = static_cast<size_t>(chunk);
     if (known) continue;
 
     if (name == "--socket") {
-      options->socket_path = value;
+      options.socketPath = value;
     } else if (name == "--config") {
-      options->config_file = value;
+      options.configFile = value;
     } else if (name == "--transcript") {
-      options->transcript_file = value;
+      options.transcriptFile = value;
     } else if (name == "--delay-command") {
-      options->delay_command = value;
+      options.delayCommand = value;
     } else if (name == "--trailer") {
-      options->trailer = Unescape(value);
+      options.trailer = unescape(value);
     } else {
-      *error = "unknown argument " + name;
-      return ParseResult::kError;
+      error = "unknown argument " + name;
+      return ParseResult::Error;
     }
   }
-  if (options->socket_path.empty()) {
-    *error = "--socket needs a path";
-    return ParseResult::kError;
+  if (options.socketPath.empty()) {
+    error = "--socket needs a path";
+    return ParseResult::Error;
   }
-  return ParseResult::kRun;
+  return ParseResult::Run;
 }
-
-}  // namespace cffs_sim

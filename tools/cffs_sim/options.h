@@ -8,43 +8,39 @@
 // Each option is its own argument followed by its value as the next one
 // ("--chunk 3", not "--chunk=3").  Numbers are plain decimal.
 
-#ifndef CFFS_SIM_OPTIONS_H_
-#define CFFS_SIM_OPTIONS_H_
+#ifndef TZR_TOOLS_CFFS_SIM_OPTIONS_H_
+#define TZR_TOOLS_CFFS_SIM_OPTIONS_H_
 
 #include <cstddef>
 #include <string>
 #include <vector>
 
-namespace cffs_sim {
-
 struct Options {
-  std::string socket_path = "/tmp/cffs_uds";
-  std::string config_file;      // Empty: start with an empty tree, "save" fails.
-  std::string transcript_file;  // Empty: no transcript.
+  std::string socketPath = "/tmp/cffs_uds";
+  std::string configFile;      // Empty: start with an empty tree, "save" fails.
+  std::string transcriptFile;  // Empty: no transcript.
   bool verbose = false;
 
   // Fault injection, per connection, requests counted from 1.
-  bool no_listen = false;  // Bind the socket file but never listen().
-  int reset_at = 0;        // Close with request K unread, so the peer sees a reset; 0: off.
-  int hangup_at = -1;      // Read request K, then close without a reply; 0: before the greeting.
-  size_t chunk = 0;        // Send replies in pieces of at most this many bytes; 0: whole.
-  int chunk_gap_ms = 20;   // Pause between pieces; only with `chunk`.
-  int delay_ms = 0;        // Pause before the greeting and before each reply.
+  bool noListen = false;  // Bind the socket file but never listen().
+  int resetAt = 0;        // Close with request K unread, so the peer sees a reset; 0: off.
+  int hangupAt = -1;      // Read request K, then close without a reply; 0: before the greeting.
+  size_t chunk = 0;       // Send replies in pieces of at most this many bytes; 0: whole.
+  int chunkGapMs = 20;    // Pause between pieces; only with `chunk`.
+  int delayMs = 0;        // Pause before the greeting and before each reply.
   // Non-empty: --delay-ms holds back only replies to requests whose command
   // word (up to the first blank) is this one, and not the greeting; so a
   // test can keep a client's "apply" waiting while its reads go at once.
-  std::string delay_command;
+  std::string delayCommand;
   std::string trailer;  // Decoded; sent after every prompt, greeting included.
 };
 
-enum class ParseResult { kRun, kHelp, kError };
+enum class ParseResult { Run, Help, Error };
 
-// Parses `args` (without the program name).  On kError, *error says why.
-ParseResult ParseOptions(const std::vector<std::string>& args, Options* options,
-                         std::string* error);
+// Parses `args` (without the program name).  On Error, `error` says why.
+ParseResult parseOptions(const std::vector<std::string>& args, Options& options,
+                         std::string& error);
 
 extern const char kUsage[];
 
-}  // namespace cffs_sim
-
-#endif  // CFFS_SIM_OPTIONS_H_
+#endif  // TZR_TOOLS_CFFS_SIM_OPTIONS_H_

@@ -2,9 +2,7 @@
 
 #include <algorithm>
 
-namespace cffs_sim {
-
-void OutputQueue::Push(std::string_view reply, std::string_view trailer,
+void OutputQueue::push(std::string_view reply, std::string_view trailer,
                        Clock::time_point earliest) {
   Clock::time_point due = earliest;
   if (!pieces_.empty()) due = std::max(due, pieces_.back().due + pacing_.gap);
@@ -21,11 +19,9 @@ void OutputQueue::Push(std::string_view reply, std::string_view trailer,
   } while (!reply.empty());
 }
 
-void OutputQueue::Consume(size_t n) {
+void OutputQueue::consume(size_t n) {
   Piece& piece = pieces_.front();
   piece.sent += n;
   bytes_ -= n;
   if (piece.sent >= piece.bytes.size()) pieces_.pop_front();
 }
-
-}  // namespace cffs_sim

@@ -5,16 +5,14 @@
 // takes it all, and otherwise asks poll() to wake it at the earliest due
 // time.  That is how delays and chunk gaps stay off the other clients' backs.
 
-#ifndef CFFS_SIM_OUTPUT_QUEUE_H_
-#define CFFS_SIM_OUTPUT_QUEUE_H_
+#ifndef TZR_TOOLS_CFFS_SIM_OUTPUT_QUEUE_H_
+#define TZR_TOOLS_CFFS_SIM_OUTPUT_QUEUE_H_
 
 #include <chrono>
 #include <cstddef>
 #include <deque>
 #include <string>
 #include <string_view>
-
-namespace cffs_sim {
 
 using Clock = std::chrono::steady_clock;
 
@@ -37,7 +35,7 @@ class OutputQueue {
   // `earliest` and no earlier than a gap after the piece queued before it.
   // The trailer rides in the last piece, so that it leaves in the same send()
   // call as the reply's last byte; that piece may exceed the chunk size.
-  void Push(std::string_view reply, std::string_view trailer, Clock::time_point earliest);
+  void push(std::string_view reply, std::string_view trailer, Clock::time_point earliest);
 
   bool empty() const { return pieces_.empty(); }
   size_t bytes() const { return bytes_; }  // Not yet sent.
@@ -46,7 +44,7 @@ class OutputQueue {
 
   // Records that `n` more bytes of the front piece were sent, and drops the
   // piece once all of it is.
-  void Consume(size_t n);
+  void consume(size_t n);
 
  private:
   Pacing pacing_;
@@ -54,6 +52,4 @@ class OutputQueue {
   size_t bytes_ = 0;
 };
 
-}  // namespace cffs_sim
-
-#endif  // CFFS_SIM_OUTPUT_QUEUE_H_
+#endif  // TZR_TOOLS_CFFS_SIM_OUTPUT_QUEUE_H_

@@ -26,8 +26,8 @@
 // prompt; any other command answers "Unknown command: WORD\r\n".  Matching
 // is exact and case-sensitive: "ls\t/x" and "LS /x" are unknown commands.
 
-#ifndef CFFS_SIM_PROTOCOL_H_
-#define CFFS_SIM_PROTOCOL_H_
+#ifndef TZR_TOOLS_CFFS_SIM_PROTOCOL_H_
+#define TZR_TOOLS_CFFS_SIM_PROTOCOL_H_
 
 #include <cstddef>
 #include <string>
@@ -35,29 +35,25 @@
 
 #include "cffs_sim/tree.h"
 
-namespace cffs_sim {
-
 inline constexpr std::string_view kPrompt = "/> ";
 inline constexpr std::string_view kGreeting = "Configuration daemon simulator\r\n/> ";
 
 // The longest request carried out, CR not counted.  A longer one is answered
-// by TooLongReply().
+// by tooLongReply().
 inline constexpr size_t kMaxRequestBytes = 1 << 20;
 
 // The length of the first complete request in `input`, its CR included, or
 // 0 while `input` holds no CR.
-size_t FrameRequest(std::string_view input);
+size_t frameRequest(std::string_view input);
 
 // The text of a framed request: without its CR and without a leading LF.
-std::string_view RequestText(std::string_view request);
+std::string_view requestText(std::string_view request);
 
 // The full reply to the request `text`, prompt included.  "put" changes
-// *tree; "save" writes it to `config_file`, or fails if that is empty.
-std::string Reply(std::string_view text, Tree* tree, const std::string& config_file);
+// `tree`; "save" writes it to `configFile`, or fails if that is empty.
+std::string replyTo(std::string_view text, Tree& tree, const std::string& configFile);
 
 // "Request too long\r\n" and the prompt.
-std::string TooLongReply();
+std::string tooLongReply();
 
-}  // namespace cffs_sim
-
-#endif  // CFFS_SIM_PROTOCOL_H_
+#endif  // TZR_TOOLS_CFFS_SIM_PROTOCOL_H_

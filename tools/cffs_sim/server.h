@@ -25,22 +25,18 @@
 // SIGPIPE is ignored and every send() uses MSG_NOSIGNAL; a peer that
 // vanishes only ends its own connection.
 
-#ifndef CFFS_SIM_SERVER_H_
-#define CFFS_SIM_SERVER_H_
+#ifndef TZR_TOOLS_CFFS_SIM_SERVER_H_
+#define TZR_TOOLS_CFFS_SIM_SERVER_H_
 
 #include "cffs_sim/options.h"
 #include "cffs_sim/tree.h"
 
-namespace cffs_sim {
-
-// Removes a stale socket file at options.socket_path (one that refuses
+// Removes a stale socket file at options.socketPath (one that refuses
 // connections; a live one makes this fail instead), binds (and unless
 // --no-listen listens), prints "ready\n" on stdout and serves until SIGTERM
 // or SIGINT, then removes the socket file.  Returns the exit status: 0 after
 // a signal, 1 if the socket cannot be set up, 2 if the transcript file
 // cannot be opened.
-int Serve(const Options& options, Tree* tree);
+int serve(const Options& options, Tree& tree);
 
-}  // namespace cffs_sim
-
-#endif  // CFFS_SIM_SERVER_H_
+#endif  // TZR_TOOLS_CFFS_SIM_SERVER_H_

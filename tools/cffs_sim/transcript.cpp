@@ -9,22 +9,20 @@
 
 #include "cffs_sim/escape.h"
 
-namespace cffs_sim {
-
 Transcript::~Transcript() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-bool Transcript::Open(const std::string& file, std::string* error) {
+bool Transcript::open(const std::string& file, std::string& error) {
   fd_ = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
   if (fd_ >= 0) return true;
-  *error = std::strerror(errno);
+  error = std::strerror(errno);
   return false;
 }
 
-void Transcript::Record(std::string_view request) {
+void Transcript::record(std::string_view request) {
   if (fd_ < 0) return;
-  const std::string line = Escape(request) + "\n";
+  const std::string line = escape(request) + "\n";
   ssize_t n;
   do {
     n = ::write(fd_, line.data(), line.size());
@@ -34,5 +32,3 @@ void Transcript::Record(std::string_view request) {
   std::fprintf(stderr, "cffs-sim: transcript write failed: %s\n",
                n < 0 ? std::strerror(errno) : "short write");
 }
-
-}  // namespace cffs_sim

@@ -3,13 +3,11 @@
 // each line goes out in a single write(2) on an O_APPEND descriptor as soon
 // as its request is framed; a reader never sees half a line.
 
-#ifndef CFFS_SIM_TRANSCRIPT_H_
-#define CFFS_SIM_TRANSCRIPT_H_
+#ifndef TZR_TOOLS_CFFS_SIM_TRANSCRIPT_H_
+#define TZR_TOOLS_CFFS_SIM_TRANSCRIPT_H_
 
 #include <string>
 #include <string_view>
-
-namespace cffs_sim {
 
 class Transcript {
  public:
@@ -19,20 +17,18 @@ class Transcript {
   ~Transcript();
 
   // Opens (creating if needed) `file` for appending.  On failure returns
-  // false and sets *error to the strerror() text.
-  bool Open(const std::string& file, std::string* error);
+  // false and sets `error` to the strerror() text.
+  bool open(const std::string& file, std::string& error);
 
   // Appends `request`, its raw bytes with the CR and any leading LF, escaped
   // as in escape.h.  Does nothing if no file is open.  A failed write is
   // reported on stderr once, not treated as fatal: the simulator keeps
   // serving.
-  void Record(std::string_view request);
+  void record(std::string_view request);
 
  private:
   int fd_ = -1;
   bool warned_ = false;
 };
 
-}  // namespace cffs_sim
-
-#endif  // CFFS_SIM_TRANSCRIPT_H_
+#endif  // TZR_TOOLS_CFFS_SIM_TRANSCRIPT_H_

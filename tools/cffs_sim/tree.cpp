@@ -10,13 +10,12 @@
 
 #include "cffs_sim/escape.h"
 
-namespace cffs_sim {
 namespace {
 
-// Escape() plus the two bytes that would change how the line is split or
+// escape() plus the two bytes that would change how the line is split or
 // whether it is read at all.
-std::string EscapePath(std::string_view path) {
-  std::string escaped = Escape(path);
+std::string escapePath(std::string_view path) {
+  std::string escaped = escape(path);
   std::string out;
   out.reserve(escaped.size());
   for (char c : escaped) {
@@ -31,12 +30,12 @@ std::string EscapePath(std::string_view path) {
   return out;
 }
 
-bool Fail(std::string* error) {
-  *error = std::strerror(errno);
+bool fail(std::string& error) {
+  error = std::strerror(errno);
   return false;
 }
 
-bool WriteAll(int fd, std::string_view data) {
+bool writeAll(int fd, std::string_view data) {
   while (!data.empty()) {
     const ssize_t n = ::write(fd, data.data(), data.size());
     if (n < 0) {
@@ -48,7 +47,7 @@ bool WriteAll(int fd, std::string_view data) {
   return true;
 }
 
-std::string DirectoryOf(const std::string& file) {
+std::string directoryOf(const std::string& file) {
   const size_t slash = file.rfind('/');
   if (slash == std::string::npos) return ".";
   if (slash == 0) return "/";
@@ -57,9 +56,9 @@ std::string DirectoryOf(const std::string& file) {
 
 }  // namespace
 
-std::string SavingFile(const std::string& file) { return file + ".saving"; }
+std::string savingFile(const std::string& file) { return file + ".saving"; }
 
-Tree ParseTree(std::string_view text) {
+Tree parseTree(std::string_view text) {
   Tree tree;
   while (!text.empty()) {
     const size_t eol = text.find('\n');
@@ -70,25 +69,25 @@ Tree ParseTree(std::string_view text) {
     std::string_view path = line.substr(0, blank);
     std::string_view value =
         blank == std::string_view::npos ? std::string_view() : line.substr(blank + 1);
-    tree[Unescape(path)] = Unescape(value);
+    tree[unescape(path)] = unescape(value);
   }
   return tree;
 }
 
-std::string FormatTree(const Tree& tree) {
+std::string formatTree(const Tree& tree) {
   std::string text;
   for (const auto& [path, value] : tree) {
-    text += EscapePath(path);
+    text += escapePath(path);
     text += ' ';
-    text += Escape(value);
+    text += escape(value);
     text += '\n';
   }
   return text;
 }
 
-bool LoadTree(const std::string& file, Tree* tree, std::string* error) {
+bool loadTree(const std::string& file, Tree& tree, std::string& error) {
   const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return Fail(error);
+  if (fd < 0) return fail(error);
   std::string text;
   char buffer[65536];
   for (;;) {
@@ -98,27 +97,27 @@ bool LoadTree(const std::string& file, Tree* tree, std::string* error) {
       const int saved = errno;
       ::close(fd);
       errno = saved;
-      return Fail(error);
+      return fail(error);
     }
     if (n == 0) break;
     text.append(buffer, static_cast<size_t>(n));
   }
   ::close(fd);
-  *tree = ParseTree(text);
+  tree = parseTree(text);
   return true;
 }
 
-bool SaveTree(const Tree& tree, const std::string& file, std::string* error) {
+bool saveTree(const Tree& tree, const std::string& file, std::string& error) {
   // One name, not a fresh one per save: a save cut short by a crash leaves
   // at most this file, which the next save starts over.
-  const std::string temp = SavingFile(file);
+  const std::string temp = savingFile(file);
   const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) return Fail(error);
+  if (fd < 0) return fail(error);
 
   // A save must not loosen or tighten the original's permissions.
   struct stat original;
   const mode_t mode = ::stat(file.c_str(), &original) == 0 ? (original.st_mode & 07777) : 0644;
-  bool ok = ::fchmod(fd, mode) == 0 && WriteAll(fd, FormatTree(tree)) && ::fsync(fd) == 0;
+  bool ok = ::fchmod(fd, mode) == 0 && writeAll(fd, formatTree(tree)) && ::fsync(fd) == 0;
   int saved = errno;
   if (::close(fd) != 0 && ok) {
     ok = false;
@@ -131,20 +130,20 @@ bool SaveTree(const Tree& tree, const std::string& file, std::string* error) {
   if (!ok) {
     ::unlink(temp.c_str());
     errno = saved;
-    return Fail(error);
+    return fail(error);
   }
 
   // Without this the rename itself may not survive a power cut.
-  const int dir = ::open(DirectoryOf(file).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dir < 0) return Fail(error);
+  const int dir = ::open(directoryOf(file).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dir < 0) return fail(error);
   ok = ::fsync(dir) == 0;
   saved = errno;
   ::close(dir);
   errno = saved;
-  return ok || Fail(error);
+  return ok || fail(error);
 }
 
-bool ListChildren(const Tree& tree, std::string_view dir, std::vector<std::string>* names) {
+bool listChildren(const Tree& tree, std::string_view dir, std::vector<std::string>& names) {
   std::string prefix(dir);
   if (prefix.empty() || prefix.back() != '/') prefix += '/';
   // Not a look back at the last name: "b.x" sorts between "b" and "b/c".
@@ -154,8 +153,6 @@ bool ListChildren(const Tree& tree, std::string_view dir, std::vector<std::strin
     if (path.compare(0, prefix.size(), prefix) != 0) break;
     children.insert(path.substr(prefix.size(), path.find('/', prefix.size()) - prefix.size()));
   }
-  names->assign(children.begin(), children.end());
-  return !names->empty();
+  names.assign(children.begin(), children.end());
+  return !names.empty();
 }
-
-}  // namespace cffs_sim

@@ -18,43 +18,39 @@
 // load; the paths of a real configuration contain none of these bytes and
 // read the same either way.
 
-#ifndef CFFS_SIM_TREE_H_
-#define CFFS_SIM_TREE_H_
+#ifndef TZR_TOOLS_CFFS_SIM_TREE_H_
+#define TZR_TOOLS_CFFS_SIM_TREE_H_
 
 #include <map>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace cffs_sim {
-
 using Tree = std::map<std::string, std::string>;
 
-Tree ParseTree(std::string_view text);
+Tree parseTree(std::string_view text);
 
-// The file text for `tree`, sorted by path.  ParseTree(FormatTree(t)) == t.
-std::string FormatTree(const Tree& tree);
+// The file text for `tree`, sorted by path.  parseTree(formatTree(t)) == t.
+std::string formatTree(const Tree& tree);
 
-// Replaces *tree with the contents of `file`.  On failure returns false and
-// sets *error to the strerror() text; *tree is left alone.
-bool LoadTree(const std::string& file, Tree* tree, std::string* error);
+// Replaces `tree` with the contents of `file`.  On failure returns false and
+// sets `error` to the strerror() text; `tree` is left alone.
+bool loadTree(const std::string& file, Tree& tree, std::string& error);
 
 // Writes `tree` to `file` so that a crash at any point leaves either the old
-// or the new file complete: SavingFile(file) in the same directory is
+// or the new file complete: savingFile(file) in the same directory is
 // written and fsync'ed, renamed over `file`, then the directory is fsync'ed.
 // The new file keeps the old one's permission bits.  On failure returns
-// false, sets *error to the strerror() text and removes the temporary file.
-bool SaveTree(const Tree& tree, const std::string& file, std::string* error);
+// false, sets `error` to the strerror() text and removes the temporary file.
+bool saveTree(const Tree& tree, const std::string& file, std::string& error);
 
 // FILE.saving: where a save writes before it renames. A crash in a save
 // leaves it behind; the simulator removes it when it starts.
-std::string SavingFile(const std::string& file);
+std::string savingFile(const std::string& file);
 
 // If `dir` names a directory of `tree` (some stored path continues it past
-// a '/'), fills *names with its direct children in order and returns true.
+// a '/'), fills `names` with its direct children in order and returns true.
 // `dir` may end in '/' or not; "/" is the root.
-bool ListChildren(const Tree& tree, std::string_view dir, std::vector<std::string>* names);
+bool listChildren(const Tree& tree, std::string_view dir, std::vector<std::string>& names);
 
-}  // namespace cffs_sim
-
-#endif  // CFFS_SIM_TREE_H_
+#endif  // TZR_TOOLS_CFFS_SIM_TREE_H_
