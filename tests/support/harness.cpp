@@ -194,7 +194,7 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
         char buffer[65536];
         while ((n = read(out[0], buffer, sizeof buffer)) > 0) result.output.append(buffer, n);
         ended = n == 0;
-        return ended || (request.giveUpWhen && request.giveUpWhen());
+        return ended || (request.giveUpWhen && request.giveUpWhen(result.output));
       },
       limit * slowness);
   result.gaveUp = !ended;

@@ -46,7 +46,7 @@ struct CgiRequest {
   std::vector<std::pair<std::string, std::string>> env = {};
   // As user nobody allowed no second process, so that fork fails.
   bool forkFails = false;
-  std::function<bool()> giveUpWhen = {};  // checked while the output runs
+  std::function<bool(const std::string& output)> giveUpWhen = {};  // asked as output comes
 };
 
 struct CgiResult {

@@ -36,7 +36,8 @@ TEST(TriggeredRuleTest, AtMostOneRuleByTheWrittenName) {
     bool throws = false;  // std::out_of_range: the name is too short to compare
   } rows[] = {
       {kMode, "single_2", kSingle2},
-      {kMode, "singleX2", kSingle2},  // the separator is not looked at
+      {kMode, "singleX2", kSingle2},   // the separator is not looked at
+      {kMode, "single_2x", kSingle2},  // nor what follows the digit
       {kMode, "single", {}, true},
       {kMode, "\"single 2\"", {}},
       {kMode, "dual", {}},

@@ -16,14 +16,15 @@
 
 namespace {
 
-const ParameterMap kTree = {{"/a", "abc"}, {"/p", "x/> y"}};
+const ParameterMap kTree = {{"/a", "abc"}, {"/g", ">x"}, {"/p", "x/> y"}};
 
 // Each request goes out with one CR unless it has one; each reply ends at the
 // first prompt however the chunks split it, and whatever follows the prompt in
 // its chunk is dropped ("/p" holds a prompt of its own, so it comes last).
 TEST(UdsConnectionTest, ExchangesRequestsAndReplies) {
   const Strings exchanges = {
-      "save", "", "ls /a\r", "abc\r\n", "ls /a\n", "No such file or directory\r\n", "ls /p", "x"};
+      "save",  "",       "ls /a\r", "abc\r\n", "ls /a\n", "No such file or directory\r\n",
+      "ls /g", ">x\r\n", "ls /p",   "x"};
   for (const Strings& arguments : {Strings{}, Strings{"--trailer", "junk/> "},
                                    Strings{"--chunk", "1", "--chunk-gap-ms", "1"}}) {
     SCOPED_TRACE(testing::PrintToString(arguments));
@@ -36,7 +37,8 @@ TEST(UdsConnectionTest, ExchangesRequestsAndReplies) {
       EXPECT_TRUE(connection.execute(exchanges[i], reply));
       EXPECT_EQ(exchanges[i + 1], reply);
     }
-    EXPECT_EQ((Strings{R"(save\r)", R"(ls /a\r)", R"(ls /a\n\r)", R"(ls /p\r)"}), sim.transcript());
+    EXPECT_EQ((Strings{R"(save\r)", R"(ls /a\r)", R"(ls /a\n\r)", R"(ls /g\r)", R"(ls /p\r)"}),
+              sim.transcript());
   }
 }
 
