@@ -208,7 +208,9 @@ TEST(RequestTest, Writes) {
   const std::string cast = net + "broadcast_addr", jsonIp = R"(\/configuration\/network\/ip_addr)";
   const std::string jsonHost = R"(\/configuration\/network\/hostname)";
   const std::string rate = "/configuration/encoders/venc1/h264/bitrate";
-  const std::string total = "/configuration/outputs/ts/muxer/mux1/bitrate";
+  const std::string out = "/configuration/outputs/", total = out + "ts/muxer/mux1/bitrate";
+  const std::string rtsp = out + "rtsp/streams/stream1/aenc", rtmp = out + "rtmp/streams/stream1/aenc";
+  const std::string audio = out + "ts/muxer/mux1/component2/encoder";
   const std::string autoFc = "/configuration/encoders/venc1/frame_ctrl/auto";
   const std::string recorder = "/configuration/outputs/recorder/enable";
   const std::string venc = "/configuration/encoders/venc", mode = "/configuration/inputs/video/mode";
@@ -245,6 +247,12 @@ TEST(RequestTest, Writes) {
        written(R"(\/configuration\/encoders\/venc1\/h264\/bitrate)", "5000000"),
        saved({"put " + rate + " 5000000\\r", "put " + total + " 5519157\\r"}),
        {set(rate, "5000000"), set(total, "5519157")}, kApplied},
+      // Each rule sees what the earlier ones recorded: the triggered rule's new
+      // audio encoder counts in the multiplexer's total.
+      {{"write=" + rtsp + "&value=3"}, written(R"(\/configuration\/outputs\/rtsp\/streams\/stream1\/aenc)", "3"),
+       saved({"put " + rtmp + " 3\\r", "put " + rtsp + " 3\\r", "put " + total + " 4402526\\r",
+              "put " + audio + " aenc3\\r"}),
+       {set(rtsp, "3"), set(rtmp, "3"), set(audio, "aenc3"), set(total, "4402526")}, kApplied},
       Row{{"write=" + autoFc + "&value=no"},
        written(R"(\/configuration\/encoders\/venc1\/frame_ctrl\/auto)", "no"),
        saved({"put " + autoFc + " yes\\r"}), {set(autoFc, "no"), set(autoFc, "yes")},
