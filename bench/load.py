@@ -4,13 +4,17 @@ loopback, in a private /tmp: tools/sandbox.py). CLIENTS clients at once each
 write WRITES parameters of their own; afterwards every write must be in the
 simulator's saved tree, no process of the program may be left, and neither
 lighttpd nor the simulator may hold more descriptors than when idle before.
-Prints the figures; exits 1 when anything was lost or left. Needs root.
+With --readers, that many more clients read every known parameter over and
+over meanwhile: the writes' latency shows whether reads starve them.
+Prints the figures; exits 1 when anything was lost, refused or left. Needs
+root.
 
-  bench/load.py CGI SIMULATOR [--clients 8] [--writes 200]
+  bench/load.py CGI SIMULATOR [--clients 8] [--writes 200] [--readers 0]
 """
 import argparse
 import http.client
 import os
+import statistics
 import sys
 import threading
 import time
@@ -30,14 +34,30 @@ SETTLE_WAIT = 10
 SHOWN_REFUSALS = 10  # refused writes printed in full
 
 
-def write_all(port, client, writes, refused):
+def write_all(port, client, writes, refused, latencies):
     connection = http.client.HTTPConnection("127.0.0.1", port, timeout=REQUEST_TIMEOUT)
     for number in range(writes):
+        start = time.monotonic()
         connection.request("GET", f"/cgi-bin/tzr4417.cgi?write=/load/{client}/{number}"
                                   f"&value={client}.{number}", headers=OWN_PAGE)
         response = connection.getresponse()
         if response.status != 200 or not response.read().endswith(b'"reply": "" }\n'):
             refused.append(f"/load/{client}/{number}: {response.status}")
+        latencies.append(time.monotonic() - start)
+    connection.close()
+
+
+def read_all(port, done, refused, reads):
+    """Reads every known parameter until `done` is set."""
+    with open(sandbox.SRC / "tools/appliance-default.conf") as tree:
+        names = ",".join(line.split()[0] for line in tree if line.startswith("/"))
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=REQUEST_TIMEOUT)
+    while not done.is_set():
+        connection.request("GET", f"/cgi-bin/tzr4417.cgi?read={names}")
+        response = connection.getresponse()
+        if response.status != 200 or b"invalid" in response.read():
+            refused.append(f"read: {response.status}")
+        reads.append(1)
     connection.close()
 
 
@@ -70,6 +90,7 @@ def main():
     parser.add_argument("simulator")
     parser.add_argument("--clients", type=int, default=8)
     parser.add_argument("--writes", type=int, default=200)
+    parser.add_argument("--readers", type=int, default=0)
     args = parser.parse_args()
     sandbox.enter()
     sandbox.install(args.cgi)
@@ -78,15 +99,20 @@ def main():
     server = sandbox.lighttpd("demo.conf", port)
     idle = descriptors(server, sim.proc)
 
-    refused = []
-    clients = [threading.Thread(target=write_all, args=(port, client, args.writes, refused))
+    refused, latencies, reads, done = [], [], [], threading.Event()
+    readers = [threading.Thread(target=read_all, args=(port, done, refused, reads))
+               for _ in range(args.readers)]
+    clients = [threading.Thread(target=write_all, args=(port, client, args.writes, refused, latencies))
                for client in range(args.clients)]
     start = time.monotonic()
-    for client in clients:
-        client.start()
+    for thread in readers + clients:
+        thread.start()
     for client in clients:
         client.join()
     elapsed = time.monotonic() - start
+    done.set()
+    for reader in readers:
+        reader.join()
 
     # The last replies come before their children apply and save.
     wanted = {f"/load/{c}/{n}": f"{c}.{n}" for c in range(args.clients) for n in range(args.writes)}
@@ -98,8 +124,10 @@ def main():
     open_now = sandbox.poll(lambda: descriptors(server, sim.proc), settled, SETTLE_WAIT)
     print(f"{len(wanted)} writes by {args.clients} clients in {elapsed:.2f} s "
           f"({len(wanted) / elapsed:.0f} writes/s): {len(wanted) - lost} held in the saved tree, "
-          f"{lost} lost, {len(refused)} refused; {len(left)} processes left; descriptors of "
-          f"lighttpd and the simulator {idle} before, {open_now} after")
+          f"{lost} lost, {len(refused)} refused; a write took {statistics.median(latencies) * 1e3:.1f} ms "
+          f"(median), {max(latencies) * 1e3:.1f} ms at most, beside {len(reads)} reads by "
+          f"{args.readers} readers; {len(left)} processes left; descriptors of lighttpd and the "
+          f"simulator {idle} before, {open_now} after")
     for line in refused[:SHOWN_REFUSALS]:
         print("refused:", line)
     sys.exit(1 if lost or refused or left or not settled(open_now) else 0)
