@@ -71,7 +71,8 @@ void check(const Row& row, bool write) {
     CgiResult result = runCgi(row.request);
     EXPECT_EQ(row.exitStatus, result.exitStatus);
     EXPECT_EQ(row.output, result.output);
-    waitUntil([&] { return log.of(result.pid, true).size() >= row.child.size(); });
+    waitUntil([&] { return log.of(result.pid, true).size() >= row.child.size(); },
+              forProgram(Millis(5000)));
     EXPECT_EQ(row.sent, !sim ? Strings{} : write ? sim->writes() : sim->transcript());
     EXPECT_EQ(row.log, log.of(result.pid));
     EXPECT_EQ(row.child, log.of(result.pid, true));
@@ -316,12 +317,14 @@ bool lockIsFree() {
 // The first child, beside those there were, that waits asleep.
 pid_t newSleeper(const std::vector<pid_t>& before) {
   pid_t found = 0;
-  waitUntil([&] {
-    for (pid_t pid : children()) {
-      if (std::find(before.begin(), before.end(), pid) == before.end()) found = pid;
-    }
-    return found != 0 && asleep(found);
-  });
+  waitUntil(
+      [&] {
+        for (pid_t pid : children()) {
+          if (std::find(before.begin(), before.end(), pid) == before.end()) found = pid;
+        }
+        return found != 0 && asleep(found);
+      },
+      forProgram(Millis(5000)));
   return found;
 }
 
@@ -360,7 +363,7 @@ bool onlyTheDaemonLeft(const Simulator& sim, Millis limit = Millis(5000)) {
         }
         return children() == std::vector<pid_t>{sim.pid()};
       },
-      limit);
+      forProgram(limit));
 }
 
 // The daemon goes away at each request of a write in turn: at the greeting,
@@ -443,12 +446,14 @@ TEST(RequestTest, RequestsThatMeetTakeTurns) {
     }
     Simulator sim(defaultTree(), row.daemon);
     Pending first(row.first);
-    EXPECT_TRUE(waitUntil([&] {
-      for (const std::string& line : sim.transcript()) {
-        if (line.compare(0, row.secondAfter.size(), row.secondAfter) == 0) return true;
-      }
-      return false;
-    }));
+    EXPECT_TRUE(waitUntil(
+        [&] {
+          for (const std::string& line : sim.transcript()) {
+            if (line.compare(0, row.secondAfter.size(), row.secondAfter) == 0) return true;
+          }
+          return false;
+        },
+        forProgram(Millis(5000))));
     const CgiResult second = runCgi({row.second});
     EXPECT_EQ(alone, (Strings{first.finish().output, second.output}));
     EXPECT_TRUE(onlyTheDaemonLeft(sim));
@@ -463,7 +468,7 @@ TEST(RequestTest, RequestsThatNobodyWaitsForEndAndPassTheirTurnOn) {
   Simulator sim(defaultTree(), {"--delay-ms", "20"});  // stopped long before the write is done
   const std::string write = "write=/configuration/network/hostname&value=";
   Pending stuck(write + "stuck");
-  ASSERT_TRUE(waitUntil([&] { return !sim.transcript().empty(); }));
+  ASSERT_TRUE(waitUntil([&] { return !sim.transcript().empty(); }, forProgram(Millis(5000))));
   kill(sim.pid(), SIGSTOP);
   const std::vector<pid_t> before = children();
   Pending queued(write + "queued");
@@ -508,7 +513,9 @@ TEST(RequestTest, RewritingAnyDefaultParameterPutsOnlyThatParameter) {
     EXPECT_EQ(0, runCgi({"write=" + path + "&value=" + value}).exitStatus);
     expected.insert(expected.end(), {"put " + path + " " + value + "\\r", "apply\\r", "save\\r"});
     // This write's apply and save come before the next write's puts.
-    ASSERT_TRUE(waitUntil([&] { return daemon.writes().size() >= expected.size(); })) << path;
+    ASSERT_TRUE(waitUntil([&] { return daemon.writes().size() >= expected.size(); },
+                          forProgram(Millis(5000))))
+        << path;
   }
   EXPECT_EQ(expected, daemon.writes());
   EXPECT_EQ(tree, daemon.savedTree());

@@ -164,8 +164,9 @@ bool reapAllChildren() {
   });
 }
 
+Millis forProgram(Millis limit) { return getenv("TZR_CGI_WRAPPER") ? 20 * limit : limit; }
+
 CgiResult runCgi(const CgiRequest& request, Millis limit) {
-  const int slowness = getenv("TZR_CGI_WRAPPER") ? 20 : 1;  // a checker is slow
   int in[2], out[2];
   check(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0, "pipe");
   CgiResult result;
@@ -196,13 +197,13 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
         ended = n == 0;
         return ended || (request.giveUpWhen && request.giveUpWhen(result.output));
       },
-      limit * slowness);
+      forProgram(limit));
   result.gaveUp = !ended;
   if (in[1] >= 0) close(in[1]);
   close(out[0]);
   int status = 0;
   if (!waitUntil([&] { return waitpid(result.pid, &status, WNOHANG) != 0; },
-                 Millis(2000) * slowness)) {
+                 forProgram(Millis(2000)))) {
     kill(result.pid, SIGKILL);
     waitpid(result.pid, &status, 0);
   }

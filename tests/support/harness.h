@@ -33,6 +33,9 @@ bool reapAllChildren();
 // where a spinning wait would take all of it.
 bool asleep(pid_t pid);
 
+// `limit` for something the program does, longer when a checker runs it.
+Millis forProgram(Millis limit);
+
 // One run of the shipped tzr4417.cgi as a web server makes it: a CGI
 // environment, the body on stdin, stdout until every holder lets go of it,
 // or until the server gives up: it closes its end of stdout, gives the
