@@ -213,25 +213,19 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
 
 ParameterMap defaultTree() { return treeIn(TZR_DEFAULT_CONFIG); }
 
-Simulator::Simulator(const ParameterMap& tree, Strings arguments) : arguments_(arguments) {
+Simulator::Simulator(const ParameterMap& tree, Strings arguments) {
   char pattern[] = "/tmp/sim-XXXXXX";
   directory_ = mkdtemp(pattern);
   std::ofstream(directory_ + "/tree.conf", std::ios::binary) << formatTree(tree);
-  arguments_.insert(arguments_.begin(), {"--config", directory_ + "/tree.conf", "--transcript",
-                                         directory_ + "/transcript"});
-  start();
-}
-
-Simulator::~Simulator() { stop(SIGTERM); }
-
-void Simulator::start() {
+  arguments.insert(arguments.begin(), {"--config", directory_ + "/tree.conf", "--transcript",
+                                       directory_ + "/transcript"});
   int ready[2];
   check(pipe2(ready, O_CLOEXEC) == 0, "pipe");
   pid_ = fork();
   if (pid_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);  // never outlive the test
     dup2(ready[1], 1);
-    execTarget(TZR_SIM_PATH, arguments_, environ);
+    execTarget(TZR_SIM_PATH, arguments, environ);
   }
   close(ready[1]);
   // "ready" once it listens; end of file if it could not start.
@@ -242,8 +236,8 @@ void Simulator::start() {
   chmod("/tmp/cffs_uds", 0777);  // for a program run as nobody
 }
 
-void Simulator::stop(int signal) {
-  kill(pid_, signal);
+Simulator::~Simulator() {
+  kill(pid_, SIGTERM);
   waitpid(pid_, nullptr, 0);
 }
 

@@ -76,15 +76,10 @@ class Simulator {
   Strings transcript() const;
   Strings writes() const;  // without the reads
   ParameterMap savedTree() const;
-  const std::string& directory() const { return directory_; }  // tree.conf, transcript
   pid_t pid() const { return pid_; }
 
-  void stop(int signal);  // and waits for it
-  void start();           // again, on the tree as saved
-
  private:
-  std::string directory_;
-  Strings arguments_;
+  std::string directory_;  // tree.conf, transcript
   pid_t pid_;
 };
 
