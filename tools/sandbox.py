@@ -10,6 +10,8 @@ so the program's detached children come back to it.
 import contextlib
 import ctypes
 import os
+import shutil
+import signal
 import socket
 import subprocess
 import sys
@@ -20,6 +22,7 @@ from pathlib import Path
 SRC = Path(__file__).resolve().parents[1]
 LIBC = ctypes.CDLL(None, use_errno=True)
 CLONE_NEWNS, MS_BIND, MS_REC, MS_PRIVATE = 0x20000, 0x1000, 0x4000, 0x40000
+PR_SET_PDEATHSIG, PR_SET_CHILD_SUBREAPER = 1, 36
 # A cross build's programs start through the emulator (qemu-user).
 EMULATOR = os.environ.get("TZR_EMULATOR", "").split()
 
@@ -37,7 +40,7 @@ def enter():
         os.makedirs(target, exist_ok=True)
         _check(LIBC.mount(source, target, kind, flags, None) == 0, f"mount {target}")
     for name in ("null", "zero", "random", "urandom"):
-        open("/dev/" + name, "w").close()
+        Path("/dev", name).touch()
         _check(LIBC.mount(b"/tmp/.dev/" + name.encode(), b"/dev/" + name.encode(), None, MS_BIND,
                           None) == 0, f"bind /dev/{name}")
     os.symlink("/proc/self/fd", "/dev/fd")
@@ -50,7 +53,7 @@ def enter():
             sink.recv(65536)
 
     threading.Thread(target=drain, daemon=True).start()
-    LIBC.prctl(36, 1)  # PR_SET_CHILD_SUBREAPER
+    LIBC.prctl(PR_SET_CHILD_SUBREAPER, 1)
 
 
 def install(cgi, www="/tmp/www"):
@@ -62,14 +65,14 @@ def install(cgi, www="/tmp/www"):
         os.chmod(f"{www}/cgi-bin/tzr4417.cgi", 0o755)
     else:
         os.symlink(os.path.abspath(cgi), f"{www}/cgi-bin/tzr4417.cgi")
-    subprocess.run(["cp", "-r", SRC / "web/console", f"{www}/console"], check=True)
-    subprocess.run(["cp", SRC / "tools/appliance-default.conf", f"{www}/console/parameters.conf"],
-                   check=True)
+    shutil.copytree(SRC / "web/console", f"{www}/console")
+    shutil.copy(SRC / "tools/appliance-default.conf", f"{www}/console/parameters.conf")
 
 
 def spawn(command, **options):
-    # PR_SET_PDEATHSIG: servers and simulators end with whoever started them.
-    return subprocess.Popen(command, preexec_fn=lambda: LIBC.prctl(1, 15), **options)
+    # Servers and simulators end with whoever started them.
+    return subprocess.Popen(command, preexec_fn=lambda: LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGTERM),
+                            **options)
 
 
 def poll(probe, done, seconds=5):
@@ -84,7 +87,7 @@ class Simulator:
     """The daemon simulator on /tmp/cffs_uds, its tree in /tmp/appliance.conf."""
 
     def __init__(self, sim, *options, tree=SRC / "tools/appliance-default.conf"):
-        subprocess.run(["cp", tree, "/tmp/appliance.conf"], check=True)
+        shutil.copy(tree, "/tmp/appliance.conf")
         with open("/tmp/simulator.log", "w") as log:
             self.proc = spawn([*EMULATOR, sim, "--config", "/tmp/appliance.conf", "--transcript",
                                "/tmp/transcript", "--verbose", *options],
@@ -108,30 +111,31 @@ def free_port():
         return s.getsockname()[1]
 
 
-def serve(command, port):
-    """Starts a web server and waits until it accepts connections."""
+def serve(command, port, host="127.0.0.1"):
+    """Starts a web server and waits until it accepts connections at HOST."""
     def accepts():
-        with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", port)):
+        with contextlib.suppress(OSError), socket.create_connection((host, port)):
             return True
         return False
 
+    # From /: lighttpd runs include_shell commands in its working folder.
     with open("/tmp/server.log", "a") as log:
-        proc = spawn(command, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT)
+        proc = spawn(command, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT, cwd="/")
     if not poll(accepts, bool):
         sys.exit("sandbox: the web server did not start: " + Path("/tmp/server.log").read_text())
     return proc
 
 
-def lighttpd(config, port, extra=(), www="/tmp/www", **settings):
-    """lighttpd on 127.0.0.1:PORT with a shipped CONFIG from web/servers/lighttpd,
+def lighttpd(config, port, extra=(), www="/tmp/www", bind="127.0.0.1", **settings):
+    """lighttpd on BIND:PORT with a shipped CONFIG from web/servers/lighttpd,
     included as an integrator would: their settings first."""
     settings = {"tzr4417_dir": SRC / "web/servers/lighttpd", "tzr4417_www": www, **settings}
     lines = [*extra, *(f'var.{name} = "{value}"' for name, value in settings.items()),
              f"var.tzr4417_port = {port}", 'server.errorlog = "/tmp/server.log"']
     if config == "tzr4417.conf":
-        lines += [f'server.document-root = "{www}"', 'server.bind = "127.0.0.1"', f"server.port = {port}"]
+        lines += [f'server.document-root = "{www}"', f'server.bind = "{bind}"', f"server.port = {port}"]
     Path("/tmp/lighttpd.conf").write_text("\n".join(lines + [f'include var.tzr4417_dir + "/{config}"']))
-    return serve(["lighttpd", "-D", "-f", "/tmp/lighttpd.conf"], port)
+    return serve(["lighttpd", "-D", "-f", "/tmp/lighttpd.conf"], port, bind.replace("0.0.0.0", "127.0.0.1"))
 
 
 def md5_crypt(password):
@@ -139,9 +143,10 @@ def md5_crypt(password):
                           check=True).stdout.strip()
 
 
-def busybox(port, password, www="/tmp/www"):
-    """busybox httpd with the shipped httpd.conf, letting in 127.0.0.1."""
+def busybox(port, password, www="/tmp/www", bind="127.0.0.1", network="127.0.0.1"):
+    """busybox httpd on BIND:PORT with the shipped httpd.conf, letting in NETWORK."""
     text = (SRC / "web/servers/busybox/httpd.conf").read_text()
-    text = text.replace("@ALLOWED_NETWORK@", "127.0.0.1").replace("@PASSWORD_HASH@", md5_crypt(password))
+    text = text.replace("@ALLOWED_NETWORK@", network).replace("@PASSWORD_HASH@", md5_crypt(password))
     Path("/tmp/httpd.conf").write_text(text)
-    return serve([SRC / "web/servers/busybox/httpd.sh", f"127.0.0.1:{port}", www, "/tmp/httpd.conf"], port)
+    return serve([SRC / "web/servers/busybox/httpd.sh", f"{bind}:{port}", www, "/tmp/httpd.conf"], port,
+                 bind.replace("0.0.0.0", "127.0.0.1"))
