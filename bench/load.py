@@ -20,7 +20,7 @@ import sandbox  # noqa: E402
 
 
 # Writes without fetch metadata come only from the appliance's own pages.
-OWN_PAGE = {"Referer": "http://127.0.0.1/console/"}
+OWN_PAGE = {"X-Tzr4417-Console": "1"}
 
 
 def write_all(port, client, writes, refused):
