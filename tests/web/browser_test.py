@@ -40,10 +40,9 @@ VECTORS = {
     "no-referrer link into a new tab": LINK % "rel=noreferrer target=_blank",
     "meta refresh": '<meta http-equiv=refresh content="0; url=$url">',
 }
-BASIC = base64.b64encode(":".join(USER).encode()).decode()
-# A foreign name pointed at the appliance (DNS rebinding): same-origin, so it
-# may send any header, even a password it knows.
-REBIND = FETCH.replace('"$url"', '"$path"') % f'headers: {{"X-Tzr4417-Console": "1", Authorization: "Basic {BASIC}"}}'
+# A foreign name pointed at the appliance (DNS rebinding) is same-origin: it may send any header and a password.
+REBIND = '<script>fetch("$path", {headers: {"X-Tzr4417-Console": "1", Authorization: "Basic %s"}})</script>' % (
+    base64.b64encode(":".join(USER).encode()).decode())
 FLAGS = ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--disable-sync",
          "--disable-background-networking", "--disable-component-update", "--no-first-run", "--window-size=1000,950",
          f"--host-resolver-rules=MAP encoder {HOME}, MAP rebind.example {HOME}"]
@@ -73,20 +72,14 @@ class BrowserTest(unittest.TestCase):
 
     def setUp(self):
         self.sim = webenv.simulator()  # a daemon with the default tree for each test
+        self.addCleanup(self.sim.proc.terminate)
         self.login(HOME)
 
-    def tearDown(self):
-        if self.sim.proc.poll() is None:
-            self.sim.stop()
 
     def login(self, host):
         """Answers the password prompt once: the browser keeps it for the host."""
         self.driver.get(f"http://{':'.join(USER)}@{host}{PROGRAM}?read={IP}")
         self.assertIn(IP.replace("/", "\\/"), self.driver.page_source)
-
-    def console(self, address):
-        self.driver.get(f"http://{address}/console/")
-        return self.settle()
 
     def settle(self):
         """The message line once the page is done with its request."""
@@ -102,13 +95,11 @@ class BrowserTest(unittest.TestCase):
                                    "document.querySelector('#write-form button').click()", name, value)
         return self.settle()
 
-    def shown(self, element):
-        return self.driver.find_element(By.ID, element).is_displayed()
-
     def test_console_reads_and_writes_and_follows_the_address(self):
         webenv.add_address(MOVED)  # the appliance's interface gets a second address
         self.login(MOVED)
-        self.assertEqual(self.console(HOME), "Read 4 parameters.")
+        self.driver.get(f"http://{HOME}/console/")
+        self.assertEqual(self.settle(), "Read 4 parameters.")
         self.driver.find_element(By.ID, "add-name").send_keys(NET + "hostname\n")
         self.assertEqual(self.settle(), "Read 5 parameters.")
         self.assertEqual([self.value(name).text for name in ("ip_addr", "broadcast_addr", "hostname")],
@@ -136,28 +127,25 @@ class BrowserTest(unittest.TestCase):
                 ("hostname", "x" * 17000, "413: the request is larger than the web server accepts.", False)]:
             with self.subTest(value[:10]):
                 self.assertIn(message, self.write(NET + name, value))
-                self.assertEqual(self.shown("changes-box"), changes)
+                self.assertEqual(self.driver.find_element(By.ID, "changes-box").is_displayed(), changes)
         reply = self.driver.find_element(By.ID, "reply")
         self.assertEqual((reply.text, reply.find_elements(By.TAG_NAME, "mark")), ("413 Payload Too Large", []))
         self.sim.stop()
         self.driver.find_element(By.ID, "read-button").click()
         self.assertIn("no text: the configuration daemon did not answer", self.settle())
 
-    def attempts(self, tag):
-        log = Path("/tmp/access.log").read_text()
-        return re.findall(rf'"(\w+) [^ "]*value={tag}\b[^"]*" (\d+)', log)
-
     def test_foreign_pages_cannot_write(self):
         pages = [(f"{origin}: {name}", f"{url}/{number}-{origin}.html", page) for origin, url in ORIGINS.items()
                  for number, (name, page) in enumerate(VECTORS.items())]
         pages.append(("rebinding", "http://rebind.example/attack/rebind.html", REBIND))
         main, seen, framed = self.driver.current_window_handle, {}, []
+        log = lambda tag: re.findall(rf'"(\w+) [^ "]*value={tag}\b[^"]*" (\d+)', Path("/tmp/access.log").read_text())
         for number, (name, url, page) in enumerate(pages):
             tag, target = f"foreign-{number}", f"{PROGRAM}?write={NET}hostname&value=foreign-{number}"
             Path("/tmp/www/attack", Path(url).name).write_text(Template(page).substitute(
                 url=f"http://{HOME}{target}", path=target, name=NET + "hostname", tag=tag))
             self.driver.get(url)
-            seen[name] = webenv.poll(lambda: self.attempts(tag), bool)
+            seen[name] = webenv.poll(lambda: log(tag), bool)  # its request, with lighttpd's answer
             for handle in set(self.driver.window_handles) - {main}:
                 self.driver.switch_to.window(handle)
                 self.driver.close()
@@ -173,6 +161,7 @@ class BrowserTest(unittest.TestCase):
         self.assertEqual([name for name, attempts in seen.items() if not attempts], [], "no request reached lighttpd")
         self.assertEqual(framed, [])
         self.assertEqual(re.findall(r"put \S+ (foreign-\S*)\\r", self.sim.transcript()), [])
+
 
 if __name__ == "__main__":
     unittest.main(argv=sys.argv[:1])

@@ -36,10 +36,6 @@ def simulator(*options):
     return sandbox.Simulator(SIM, *options)
 
 
-def busybox(port):
-    return sandbox.busybox(port, USER[1])
-
-
 def users():
     Path("/tmp/users").write_text(f"{USER[0]}:{sandbox.md5_crypt(USER[1])}\n")
     return "/tmp/users"
