@@ -19,10 +19,11 @@ BIG = f"read={IP}&x={'x' * 16384}"
 CASES = [
     # name,                   target,               headers,                   body,         user,    lighttpd, busybox
     ("read",                  READ,                 {},                        None,         USER,    200, 200),
-    ("read by POST",          PROGRAM,              {},                        f"read={IP}", USER,    403, 200),
+    ("read by POST",          READ,                 {},                        f"read={IP}", USER,    403, 200),
     ("read by POST, header",  PROGRAM,              HEADER,                    f"read={IP}", USER,    200, 200),
     ("write",                 WRITE,                {},                        None,         USER,    403, 200),
     ("write, header",         WRITE,                HEADER,                    None,         USER,    200, 200),
+    ("read with a write",     f"{READ}&write=/x&value=1", {},              None,         USER,    403, 200),
     ("write, Sec-Fetch-Site: none", WRITE,          {"Sec-Fetch-Site": "none"}, None,        USER,    403, 200),
     ("empty list",            f"{PROGRAM}?read=",   {},                        None,         USER,    400, 400),
     ("no password",           READ,                 {},                        None,         None,    401, 401),
