@@ -44,7 +44,8 @@ class InstallTest(unittest.TestCase):
                     status, _, reply = request(80, f"{PROGRAM}?read={IP}")
                     self.assertEqual((status, json.loads(reply)), (200, {IP: "192.168.1.10"}))
                     status, headers, page = request(80, "/console/", user=None)
-                    self.assertEqual((status, headers["Content-Type"][:9], b"console.js" in page), (200, "text/html", True))
+                    self.assertEqual((status, headers["Content-Type"][:9], b"console.js" in page),
+                                     (200, "text/html", True))
                 finally:
                     server.terminate()
                     server.wait()

@@ -1,6 +1,5 @@
-"""The web tests' world: tools/sandbox.py with the program installed and a
-file beside it that must not be served, a private network if asked; and raw
-HTTP. argv: CGI SIMULATOR."""
+"""The web tests' world: tools/sandbox.py with the program installed, a file
+beside it that must not be served, a network of its own if asked; raw HTTP."""
 import base64, http.client, os, subprocess, sys
 from pathlib import Path
 
@@ -41,11 +40,11 @@ def users():
     return "/tmp/users"
 
 
-def request(port, target, headers=None, body=None, user=USER, method=None, host="127.0.0.1"):
+def request(port, target, headers=None, body=None, user=USER, method=None):
     """One request: (status, or None if closed with no bytes; headers; body)."""
     auth = {"Authorization": "Basic " + base64.b64encode(":".join(user).encode()).decode()} if user else {}
     form = {"Content-Type": "application/x-www-form-urlencoded"} if body else {}
-    connection = http.client.HTTPConnection(host, port, timeout=5)
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=5)
     try:
         connection.request(method or ("POST" if body else "GET"), target, body, {**auth, **form, **(headers or {})})
         response = connection.getresponse()
