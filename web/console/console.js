@@ -27,7 +27,8 @@ const $ = (id) => document.getElementById(id);
 let known = []; // The appliance's parameter names, from parameters.conf.
 const rows = new Map(); // Parameter name -> its row in the table.
 
-// An outcome the page explains; `raw` is the reply's text, shown as it came.
+// An outcome the page explains; `raw` is the reply's text, shown as it came,
+// `status` that of a reply the program itself wrote.
 class Problem extends Error {
   constructor(message, raw = '', status = 0) {
     super(message);
@@ -59,7 +60,13 @@ async function call(fields) {
       'does when the program writes nothing.');
   }
   if (response.status === 200) return text;
-  const raw = readableText(response, text);
+  // A web server's own error page is HTML; the program writes none.
+  const page = (response.headers.get('content-type') || '').includes('html');
+  const raw = page ? pageText(text) : text;
+  if (response.status === 500 && page) {
+    throw new Problem('500 Internal Server Error from the web server: the program wrote nothing ' +
+      '(did it crash?).', raw);
+  }
   if (response.status === 500) {
     throw new Problem('500 Internal Server Error' + (raw.trim() ? `: ${raw.trim()}` :
       ' with no text: the configuration daemon did not answer.'), raw, 500);
@@ -70,10 +77,8 @@ async function call(fields) {
   throw new Problem(status, raw, response.status);
 }
 
-// The program's own 500 carries the daemon's text or "Exception ..."; a web
-// server's error page is HTML, shown as its text, a line per block.
-function readableText(response, text) {
-  if (!(response.headers.get('content-type') || '').includes('html')) return text;
+// An HTML page as its text, a line per block.
+function pageText(text) {
   const lines = new DOMParser().parseFromString(text, 'text/html').body.textContent.split('\n');
   return lines.map((line) => line.trim()).filter(Boolean).join('\n');
 }
