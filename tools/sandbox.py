@@ -143,10 +143,9 @@ def md5_crypt(password):
                           check=True).stdout.strip()
 
 
-def busybox(port, password, www="/tmp/www", bind="127.0.0.1", network="127.0.0.1"):
-    """busybox httpd on BIND:PORT with the shipped httpd.conf, letting in NETWORK."""
+def busybox(port, password, www="/tmp/www"):
+    """busybox httpd with the shipped httpd.conf, letting in 127.0.0.1."""
     text = (SRC / "web/servers/busybox/httpd.conf").read_text()
-    text = text.replace("@ALLOWED_NETWORK@", network).replace("@PASSWORD_HASH@", md5_crypt(password))
+    text = text.replace("@ALLOWED_NETWORK@", "127.0.0.1").replace("@PASSWORD_HASH@", md5_crypt(password))
     Path("/tmp/httpd.conf").write_text(text)
-    return serve([SRC / "web/servers/busybox/httpd.sh", f"{bind}:{port}", www, "/tmp/httpd.conf"], port,
-                 bind.replace("0.0.0.0", "127.0.0.1"))
+    return serve([SRC / "web/servers/busybox/httpd.sh", f"127.0.0.1:{port}", www, "/tmp/httpd.conf"], port)
