@@ -111,10 +111,10 @@ def free_port():
         return s.getsockname()[1]
 
 
-def serve(command, port, host="127.0.0.1"):
-    """Starts a web server and waits until it accepts connections at HOST."""
+def serve(command, port):
+    """Starts a web server and waits until it accepts connections."""
     def accepts():
-        with contextlib.suppress(OSError), socket.create_connection((host, port)):
+        with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", port)):
             return True
         return False
 
@@ -127,15 +127,16 @@ def serve(command, port, host="127.0.0.1"):
 
 
 def lighttpd(config, port, extra=(), www="/tmp/www", bind="127.0.0.1", **settings):
-    """lighttpd on BIND:PORT with a shipped CONFIG from web/servers/lighttpd,
-    included as an integrator would: their settings first."""
+    """lighttpd on BIND:PORT (127.0.0.1 or all addresses, 0.0.0.0) with a shipped
+    CONFIG from web/servers/lighttpd, included as an integrator would: their
+    settings first."""
     settings = {"tzr4417_dir": SRC / "web/servers/lighttpd", "tzr4417_www": www, **settings}
     lines = [*extra, *(f'var.{name} = "{value}"' for name, value in settings.items()),
              f"var.tzr4417_port = {port}", 'server.errorlog = "/tmp/server.log"']
     if config == "tzr4417.conf":
         lines += [f'server.document-root = "{www}"', f'server.bind = "{bind}"', f"server.port = {port}"]
     Path("/tmp/lighttpd.conf").write_text("\n".join(lines + [f'include var.tzr4417_dir + "/{config}"']))
-    return serve(["lighttpd", "-D", "-f", "/tmp/lighttpd.conf"], port, bind.replace("0.0.0.0", "127.0.0.1"))
+    return serve(["lighttpd", "-D", "-f", "/tmp/lighttpd.conf"], port)
 
 
 def md5_crypt(password):
