@@ -24,8 +24,9 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tools"))
 import sandbox  # noqa: E402
 
 
-# Writes without fetch metadata come only from the appliance's own pages.
-OWN_PAGE = {"Referer": "http://127.0.0.1/console/"}
+# What the console and documented scripts send with a write; lighttpd
+# refuses a write without it.
+OWN_PAGE = {"X-Tzr4417-Console": "1"}
 # Seconds to wait for a reply, for the last detached children to apply and
 # save, and for processes and descriptors to settle after them.
 REQUEST_TIMEOUT = 60

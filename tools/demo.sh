@@ -20,6 +20,20 @@ stop() {
   done
 }
 
+# wait_for WHAT COMMAND...: runs COMMAND until it succeeds, for up to 10 s;
+# else stops the demo and fails.
+wait_for() {
+  local what=$1
+  shift
+  for _ in $(seq 100); do
+    "$@" && return 0
+    sleep 0.1
+  done
+  echo "demo: waited 10 s for $what in vain; see $demo/lighttpd.log and $demo/simulator.log" >&2
+  stop
+  exit 1
+}
+
 if [ "${1:-}" = stop ]; then
   stop
   echo "Demo stopped."
@@ -50,10 +64,9 @@ include var.tzr4417_dir + "/demo.conf"
 CONF
 lighttpd -D -f "$demo/lighttpd.conf" </dev/null >>"$demo/lighttpd.log" 2>&1 &
 echo $! >"$demo/lighttpd.pid"
-for _ in $(seq 50); do
-  curl -s -o /dev/null "$url" && break
-  sleep 0.1
-done
+# Listening, and lighttpd itself rather than whatever held the port.
+listening() { kill -0 "$(cat "$demo/lighttpd.pid")" 2>/dev/null && curl -s -o /dev/null "$url"; }
+wait_for "lighttpd to listen on port $port" listening
 
 show() {
   printf '$ curl -s'
@@ -71,10 +84,9 @@ show "$url?read=/configuration/encoders/venc1/codec,/configuration/outputs/ts/mu
 show -i "$url?read="
 echo "A write: the broadcast address follows the IP address; the reply comes at once,"
 echo "and the detached child then sends apply and save. Outside a browser a write"
-echo "names one of the appliance's own pages as its Referer (-e), as a browser does:"
-page="http://127.0.0.1:$port/console/"
-show -e "$page" "$url?write=/configuration/network/ip_addr&value=10.0.0.5"
-sleep 0.5
+echo "sends the console page's header, which a foreign page cannot make a browser send:"
+show -H 'X-Tzr4417-Console: 1' "$url?write=/configuration/network/ip_addr&value=10.0.0.5"
+wait_for "the write's apply and save" grep -q 'ip_addr 10.0.0.5' "$demo/appliance.conf"
 echo "\$ tail -n 4 $demo/transcript"
 tail -n 4 "$demo/transcript"
 echo "\$ grep /network/ $demo/appliance.conf"
@@ -84,7 +96,7 @@ echo "The console page: http://127.0.0.1:$port/console/"
 echo
 echo "More to try:"
 echo "  curl -s '$url?read=/configuration/encoders/venc1/h264/bitrate'"
-echo "  curl -s -e '$page' -d 'read=/configuration/outputs/recorder/enable' '$url'"
-echo "  curl -s -e '$page' '$url?write=/configuration/outputs/rtsp/streams/stream1/aenc&value=2'"
+echo "  curl -s -H 'X-Tzr4417-Console: 1' -d 'read=/configuration/outputs/recorder/enable' '$url'"
+echo "  curl -s -H 'X-Tzr4417-Console: 1' '$url?write=/configuration/outputs/rtsp/streams/stream1/aenc&value=2'"
 echo "  cat $demo/transcript    # what the daemon received"
 echo "  tools/demo.sh stop"

@@ -10,6 +10,8 @@ so the program's detached children come back to it.
 import contextlib
 import ctypes
 import os
+import shutil
+import signal
 import socket
 import subprocess
 import sys
@@ -20,6 +22,7 @@ from pathlib import Path
 SRC = Path(__file__).resolve().parents[1]
 LIBC = ctypes.CDLL(None, use_errno=True)
 CLONE_NEWNS, MS_BIND, MS_REC, MS_PRIVATE = 0x20000, 0x1000, 0x4000, 0x40000
+PR_SET_PDEATHSIG, PR_SET_CHILD_SUBREAPER = 1, 36
 # A cross build's programs start through the emulator (qemu-user).
 EMULATOR = os.environ.get("TZR_EMULATOR", "").split()
 
@@ -37,7 +40,7 @@ def enter():
         os.makedirs(target, exist_ok=True)
         _check(LIBC.mount(source, target, kind, flags, None) == 0, f"mount {target}")
     for name in ("null", "zero", "random", "urandom"):
-        open("/dev/" + name, "w").close()
+        Path("/dev", name).touch()
         _check(LIBC.mount(b"/tmp/.dev/" + name.encode(), b"/dev/" + name.encode(), None, MS_BIND,
                           None) == 0, f"bind /dev/{name}")
     os.symlink("/proc/self/fd", "/dev/fd")
@@ -50,7 +53,7 @@ def enter():
             sink.recv(65536)
 
     threading.Thread(target=drain, daemon=True).start()
-    LIBC.prctl(36, 1)  # PR_SET_CHILD_SUBREAPER
+    LIBC.prctl(PR_SET_CHILD_SUBREAPER, 1)
 
 
 def install(cgi, www="/tmp/www"):
@@ -62,14 +65,14 @@ def install(cgi, www="/tmp/www"):
         os.chmod(f"{www}/cgi-bin/tzr4417.cgi", 0o755)
     else:
         os.symlink(os.path.abspath(cgi), f"{www}/cgi-bin/tzr4417.cgi")
-    subprocess.run(["cp", "-r", SRC / "web/console", f"{www}/console"], check=True)
-    subprocess.run(["cp", SRC / "tools/appliance-default.conf", f"{www}/console/parameters.conf"],
-                   check=True)
+    shutil.copytree(SRC / "web/console", f"{www}/console")
+    shutil.copy(SRC / "tools/appliance-default.conf", f"{www}/console/parameters.conf")
 
 
 def spawn(command, **options):
-    # PR_SET_PDEATHSIG: servers and simulators end with whoever started them.
-    return subprocess.Popen(command, preexec_fn=lambda: LIBC.prctl(1, 15), **options)
+    # Servers and simulators end with whoever started them.
+    return subprocess.Popen(command, preexec_fn=lambda: LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGTERM),
+                            **options)
 
 
 def poll(probe, done, seconds=5):
@@ -86,7 +89,7 @@ class Simulator:
     a measurement would count against the program."""
 
     def __init__(self, sim, *options, tree=SRC / "tools/appliance-default.conf", quiet=False):
-        subprocess.run(["cp", tree, "/tmp/appliance.conf"], check=True)
+        shutil.copy(tree, "/tmp/appliance.conf")
         records = [] if quiet else ["--transcript", "/tmp/transcript", "--verbose"]
         with open("/tmp/simulator.log", "w") as log:
             self.proc = spawn([*EMULATOR, sim, "--config", "/tmp/appliance.conf", *records, *options],
@@ -117,21 +120,23 @@ def serve(command, port):
             return True
         return False
 
+    # From /: lighttpd runs include_shell commands in its working folder.
     with open("/tmp/server.log", "a") as log:
-        proc = spawn(command, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT)
+        proc = spawn(command, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT, cwd="/")
     if not poll(accepts, bool):
         sys.exit("sandbox: the web server did not start: " + Path("/tmp/server.log").read_text())
     return proc
 
 
-def lighttpd(config, port, extra=(), www="/tmp/www", **settings):
-    """lighttpd on 127.0.0.1:PORT with a shipped CONFIG from web/servers/lighttpd,
-    included as an integrator would: their settings first."""
+def lighttpd(config, port, extra=(), www="/tmp/www", bind="127.0.0.1", **settings):
+    """lighttpd on BIND:PORT (127.0.0.1 or all addresses, 0.0.0.0) with a shipped
+    CONFIG from web/servers/lighttpd, included as an integrator would: their
+    settings first."""
     settings = {"tzr4417_dir": SRC / "web/servers/lighttpd", "tzr4417_www": www, **settings}
     lines = [*extra, *(f'var.{name} = "{value}"' for name, value in settings.items()),
              f"var.tzr4417_port = {port}", 'server.errorlog = "/tmp/server.log"']
     if config == "tzr4417.conf":
-        lines += [f'server.document-root = "{www}"', 'server.bind = "127.0.0.1"', f"server.port = {port}"]
+        lines += [f'server.document-root = "{www}"', f'server.bind = "{bind}"', f"server.port = {port}"]
     Path("/tmp/lighttpd.conf").write_text("\n".join(lines + [f'include var.tzr4417_dir + "/{config}"']))
     return serve(["lighttpd", "-D", "-f", "/tmp/lighttpd.conf"], port)
 

@@ -45,7 +45,8 @@ class LifetimeTest(unittest.TestCase):
         webenv.isolate()
         webenv.simulator("--delay-command", "ls", "--delay-ms", "3600000")
         port = webenv.free_port()
-        server = webenv.lighttpd("demo.conf", port) if SERVER == "lighttpd" else webenv.busybox(port)
+        server = (webenv.lighttpd("demo.conf", port) if SERVER == "lighttpd"
+                  else webenv.sandbox.busybox(port, webenv.USER[1]))
         # The client gives up after a few seconds; the server does not notice.
         threading.Thread(target=webenv.request, args=(port, f"{PROGRAM}?read={IP}"), daemon=True).start()
         self.assertTrue(webenv.poll(programs, bool))

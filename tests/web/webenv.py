@@ -1,6 +1,6 @@
-"""The web tests' world: tools/sandbox.py with the program installed and a
-file beside it that must not be served; and raw HTTP. argv: CGI SIMULATOR."""
-import base64, http.client, os, sys
+"""The web tests' world: tools/sandbox.py with the program installed, a file
+beside it that must not be served, a network of its own if asked; raw HTTP."""
+import base64, http.client, os, subprocess, sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
@@ -10,32 +10,46 @@ from sandbox import free_port, lighttpd, poll  # noqa: E402,F401
 CGI, SIM = map(os.path.abspath, sys.argv[1:3])
 PROGRAM, IP = "/cgi-bin/tzr4417.cgi", "/configuration/network/ip_addr"
 USER = ("admin", "s3cret")
+CLONE_NEWNET = 0x40000000
+HEADER = {"X-Tzr4417-Console": "1"}  # what the console and scripts send
 
 
-def isolate():
+def isolate(*addresses):
+    """A private /tmp; given ADDRESSES, also a network of its own whose
+    loopback holds them, so nothing leaves the machine."""
     sandbox.enter()
+    if addresses:
+        if sandbox.LIBC.unshare(CLONE_NEWNET) != 0:
+            sys.exit("webenv: cannot make a network namespace (run as root)")
+        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+        list(map(add_address, addresses))
     sandbox.install(CGI)
     Path("/tmp/www/cgi-bin/notes.txt").write_text("not for strangers\n")
+
+
+def add_address(address):
+    subprocess.run(["ip", "address", "add", address + "/32", "dev", "lo"], check=True)
 
 
 def simulator(*options):
     return sandbox.Simulator(SIM, *options)
 
 
-def busybox(port):
-    return sandbox.busybox(port, USER[1])
+def users():
+    Path("/tmp/users").write_text(f"{USER[0]}:{sandbox.md5_crypt(USER[1])}\n")
+    return "/tmp/users"
 
 
-def request(port, target, headers=None, body=None, user=USER):
-    """One request: (status, or None if closed with no bytes; body)."""
+def request(port, target, headers=None, body=None, user=USER, method=None):
+    """One request: (status, or None if closed with no bytes; headers; body)."""
     auth = {"Authorization": "Basic " + base64.b64encode(":".join(user).encode()).decode()} if user else {}
     form = {"Content-Type": "application/x-www-form-urlencoded"} if body else {}
     connection = http.client.HTTPConnection("127.0.0.1", port, timeout=5)
     try:
-        connection.request("POST" if body else "GET", target, body, {**auth, **form, **(headers or {})})
+        connection.request(method or ("POST" if body else "GET"), target, body, {**auth, **form, **(headers or {})})
         response = connection.getresponse()
-        return response.status, response.read()
+        return response.status, response.headers, response.read()
     except http.client.RemoteDisconnected:
-        return None, b""
+        return None, {}, b""
     finally:
         connection.close()

@@ -1,0 +1,58 @@
+"""INSTALL.md to the letter: this build's release archive (cpack, as tools/build-arm.sh --package), unpacked; the
+guide's shell blocks run into a scratch root; each server started in it as the guide says, and asked the guide's
+curl examples. argv: CGI SIMULATOR BUILD-TREE"""
+import re, subprocess, sys, tarfile, unittest
+from pathlib import Path
+import webenv
+from webenv import IP, PROGRAM, USER, request
+
+ROOTFS = Path("/tmp/rootfs")
+SETTINGS = {"ROOTFS": ROOTFS, "PASSWORD": USER[1], "NETWORK": "127.0.0.1"}
+
+
+@unittest.skipIf(webenv.sandbox.EMULATOR, "the board's commands would run the target's program natively")
+class InstallTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        webenv.isolate("192.0.2.10")  # port 80 of a network of its own
+        subprocess.run(["cpack", "-G", "TGZ", "-B", "/tmp/package"], cwd=sys.argv[3], check=True, capture_output=True)
+        with tarfile.open(next(Path("/tmp/package").glob("tzr4417-*.tar.gz"))) as archive:
+            archive.extractall("/tmp/package")
+        unpacked = next(path for path in Path("/tmp/package").glob("tzr4417-*") if path.is_dir())
+        guide = (unpacked / "INSTALL.md").read_text()
+        blocks = re.findall(r"^```sh\n(.*?)^```", guide, re.S | re.M)
+        cls.examples = re.findall(r"^\$ (curl .*)\n(.*)$", guide, re.M)  # and the answer it shows
+        cls.board = [block.splitlines()[-1] for block in blocks if block.startswith("# On the board")]
+        script = "\n".join(block for block in blocks if not block.startswith("# On the board"))
+        for name, value in SETTINGS.items():
+            script = re.sub(rf"^{name}=.*$", f"{name}='{value}'", script, flags=re.M)
+        subprocess.run(["sh", "-euc", script], cwd=unpacked, check=True)
+        # The board: the image's files over this machine's programs.
+        for folder in ("bin", "sbin", "lib", "lib64"):
+            (ROOTFS / folder).symlink_to("usr/" + folder)
+        for folder in ("usr", "dev", "proc", "tmp"):
+            (ROOTFS / folder).mkdir(exist_ok=True)
+            subprocess.run(["mount", "--bind", "/" + folder, ROOTFS / folder], check=True)
+        cls.sim = webenv.simulator()
+
+    def test_each_server_serves_the_console_and_answers_the_examples(self):
+        self.assertEqual((len(self.board), len(self.examples)), (2, 2))
+        for command in self.board:
+            with self.subTest(command):
+                server = webenv.sandbox.serve(["chroot", ROOTFS, "/bin/sh", "-c", "exec " + command], 80)
+                try:
+                    self.assertEqual(request(80, f"{PROGRAM}?read={IP}", user=None)[0], 401)
+                    for example, answer in self.examples:
+                        example = example.replace("BOARD", "127.0.0.1").replace("-u admin", "-u " + ":".join(USER))
+                        self.assertEqual(subprocess.run(example, shell=True, capture_output=True, text=True).stdout,
+                                         answer + "\n")
+                    status, headers, page = request(80, "/console/", user=None)
+                    self.assertEqual((status, headers["Content-Type"][:9], b"console.js" in page),
+                                     (200, "text/html", True))
+                finally:
+                    server.terminate()
+                    server.wait()
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])
