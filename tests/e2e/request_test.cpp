@@ -204,6 +204,11 @@ std::pair<int, std::string> set(const std::string& path, const std::string& valu
   return {kInfo, "Setting parameter " + path + " to " + value};
 }
 
+// A write refused before anything is sent: the failed-write 500; the child logs.
+Row refused(const std::string& query, const std::string& name, const std::string& value) {
+  return {{query}, kRefused, {}, {set(name, value)}, kApplied};
+}
+
 TEST(RequestTest, Writes) {
   const std::string net = "/configuration/network/", ip = net + "ip_addr", host = net + "hostname";
   const std::string cast = net + "broadcast_addr", jsonIp = R"(\/configuration\/network\/ip_addr)";
@@ -279,22 +284,18 @@ TEST(RequestTest, Writes) {
       // What cannot go out as one request line with a one-word name is not
       // sent at all: the daemon must never see a command of the browser's.
       // (Quoted first, as any value with a blank: so no rule takes it for single_2.)
-      {{"write=" + mode + "&value=single%0A2"}, kRefused, {}, {set(mode, "single\n2")}, kApplied},
-      {{"write=" + mode + "&value=single%0D2"}, kRefused, {}, {set(mode, "single\r2")}, kApplied},
-      {{"write=" + host + "&value=x%00y"}, kRefused, {}, {set(host, "x")}, kApplied},
-      {{"write=" + host + "%0Dapply&value=x"}, kRefused, {}, {set(host + "\rapply", "x")},
-       kApplied},
-      {{"write=" + host + "%0Aapply&value=x"}, kRefused, {}, {set(host + "\napply", "x")},
-       kApplied},
-      {{"write=" + host + "%00&value=x"}, kRefused, {}, {set(host, "x")}, kApplied},
+      refused("write=" + mode + "&value=single%0A2", mode, "single\n2"),
+      refused("write=" + mode + "&value=single%0D2", mode, "single\r2"),
+      refused("write=" + host + "&value=x%00y", host, "x"),
+      refused("write=" + host + "%0Dapply&value=x", host + "\rapply", "x"),
+      refused("write=" + host + "%0Aapply&value=x", host + "\napply", "x"),
+      refused("write=" + host + "%00&value=x", host, "x"),
       // Nor the daemon's prompt: stored, it would cut every answer that carries it.
-      {{"write=" + host + "&value=a/>%20b"}, kRefused, {}, {set(host, "a/> b")}, kApplied},
-      {{"write=" + ip + "%2010.9.9.9&value=x"}, kRefused, {}, {set(ip + " 10.9.9.9", "x")},
-       kApplied},
-      {{"write=" + ip + "%0910.9.9.9&value=x"}, kRefused, {}, {set(ip + "\t10.9.9.9", "x")},
-       kApplied},
-      {{"write=" + ip + "%0B1&value=x"}, kRefused, {}, {set(ip + "\v1", "x")}, kApplied},
-      {{"write=" + ip + "%0C1&value=x"}, kRefused, {}, {set(ip + "\f1", "x")}, kApplied},
+      refused("write=" + host + "&value=a/>%20b", host, "a/> b"),
+      refused("write=" + ip + "%2010.9.9.9&value=x", ip + " 10.9.9.9", "x"),
+      refused("write=" + ip + "%0910.9.9.9&value=x", ip + "\t10.9.9.9", "x"),
+      refused("write=" + ip + "%0B1&value=x", ip + "\v1", "x"),
+      refused("write=" + ip + "%0C1&value=x", ip + "\f1", "x"),
   };
   for (const Row& row : rows) check(row, true);
 }
@@ -355,17 +356,6 @@ class Pending {
   std::thread thread_;  // last: it runs once the others exist
 };
 
-// True once every process but the simulator has ended, within `limit`.
-bool onlyTheDaemonLeft(const Simulator& sim, Millis limit = Millis(5000)) {
-  return waitUntil(
-      [&] {
-        while (waitpid(-1, nullptr, WNOHANG) > 0) {
-        }
-        return children() == std::vector<pid_t>{sim.pid()};
-      },
-      forProgram(limit));
-}
-
 // The daemon goes away at each request of a write in turn: at the greeting,
 // the 35 reads, the two puts, "apply" and "save". After a reset the request
 // ends at once: 500 until the puts went through, the reply after them. A
@@ -390,7 +380,7 @@ TEST(RequestTest, TheDaemonGoesAwayAtEachRequestOfAWrite) {
       const CgiResult& result = waits ? request.giveUp() : request.finish();
       EXPECT_EQ(waits ? "" : k < 38 ? kRefused : reply, result.output);
       EXPECT_EQ(0, result.exitStatus) << "killed";
-      EXPECT_TRUE(onlyTheDaemonLeft(sim, Millis(1000)));
+      EXPECT_TRUE(reapAllChildren(sim.pid(), Millis(1000)));
     }
   }
   // A daemon that does not answer apply: the detached child waits for it
@@ -440,7 +430,7 @@ TEST(RequestTest, RequestsThatMeetTakeTurns) {
       Simulator sim(defaultTree());
       for (const std::string& query : {row.first, row.second}) {
         alone.push_back(runCgi({query}).output);
-        ASSERT_TRUE(onlyTheDaemonLeft(sim));
+        ASSERT_TRUE(reapAllChildren(sim.pid()));
       }
       saved = sim.savedTree();
     }
@@ -456,7 +446,7 @@ TEST(RequestTest, RequestsThatMeetTakeTurns) {
         forProgram(Millis(5000))));
     const CgiResult second = runCgi({row.second});
     EXPECT_EQ(alone, (Strings{first.finish().output, second.output}));
-    EXPECT_TRUE(onlyTheDaemonLeft(sim));
+    EXPECT_TRUE(reapAllChildren(sim.pid()));
     EXPECT_EQ(saved, sim.savedTree());
   }
 }
@@ -484,7 +474,7 @@ TEST(RequestTest, RequestsThatNobodyWaitsForEndAndPassTheirTurnOn) {
   kill(sim.pid(), SIGCONT);
   EXPECT_EQ(written(R"(\/configuration\/network\/hostname)", "next"),
             runCgi({write + "next"}).output);
-  EXPECT_TRUE(onlyTheDaemonLeft(sim));
+  EXPECT_TRUE(reapAllChildren(sim.pid()));
   EXPECT_EQ("next", sim.savedTree().at("/configuration/network/hostname"));
 }
 
@@ -500,7 +490,7 @@ TEST(RequestTest, AWriteInLineGoesBeforeLaterReads) {
   close(reading);
   write.finish();
   EXPECT_EQ(json(R"({ "\/configuration\/network\/hostname": "next" })"), read.finish().output);
-  EXPECT_TRUE(onlyTheDaemonLeft(sim));
+  EXPECT_TRUE(reapAllChildren(sim.pid()));
 }
 
 // The shipped default configuration agrees with every rule: writing any of its

@@ -155,13 +155,15 @@ bool asleep(pid_t pid) {
   return before >= 0 && after >= 0 && after - before <= 1;
 }
 
-bool reapAllChildren() {
-  return waitUntil([] {
-    pid_t pid;
-    while ((pid = waitpid(-1, nullptr, WNOHANG)) > 0) {
-    }
-    return pid < 0 && errno == ECHILD;
-  });
+bool reapAllChildren(pid_t keep, Millis limit) {
+  return waitUntil(
+      [keep] {
+        while (waitpid(-1, nullptr, WNOHANG) > 0) {
+        }
+        const std::vector<pid_t> left = children();
+        return left.empty() || left == std::vector<pid_t>{keep};
+      },
+      forProgram(limit));
 }
 
 Millis forProgram(Millis limit) { return getenv("TZR_CGI_WRAPPER") ? 20 * limit : limit; }

@@ -26,8 +26,9 @@ bool waitUntil(const std::function<bool()>& done, Millis limit = Millis(5000));
 // Live or unreaped children, detached ones included.
 std::vector<pid_t> children();
 
-// Reaps children as they end; true once none is left.
-bool reapAllChildren();
+// Reaps children as they end; true once none is left but `keep` (say, the
+// simulator) within `limit`, stretched for a checker.
+bool reapAllChildren(pid_t keep = 0, Millis limit = Millis(5000));
 
 // Whether `pid` takes no CPU time over a tenth of a second: it waits asleep,
 // where a spinning wait would take all of it.

@@ -1,6 +1,6 @@
 """tzr4417.cgi behind a real web server with the shipped configuration.
 argv: CGI SIMULATOR lighttpd|busybox"""
-import json, subprocess, sys, time, unittest
+import contextlib, json, os, signal, subprocess, sys, threading, time, unittest
 from pathlib import Path
 import webenv
 from webenv import HEADER, IP, PROGRAM, USER, request
@@ -13,6 +13,7 @@ WRITE = f"{PROGRAM}?write=/configuration/network/hostname&value=encoder"
 SITE = lambda site: {**HEADER, "Sec-Fetch-Site": site}  # noqa: E731
 HOST = lambda host: {**HEADER, "Host": host}  # noqa: E731
 BIG = f"read={IP}&x={'x' * 16384}"
+TIME_OUT = 30  # cgi.limits in web/servers/lighttpd/tzr4417-rules.conf
 # busybox httpd has no header rules and no size limit: its column shows what
 # gets through. The program's own guard ends the oversized request there, and
 # the connection closes with no bytes (None). A target may start with its method.
@@ -43,6 +44,24 @@ CASES = [
     ("body over 16 KB",       PROGRAM,              HEADER,                    BIG,          USER,    413, None),
     ("console page",          "/console/",          {},                        None,         None,    200, 200),
 ]
+
+
+def descendants(pid):
+    found, todo = set(), [pid]
+    while todo:
+        for task in Path(f"/proc/{todo.pop()}/task").glob("*"):
+            with contextlib.suppress(OSError):  # gone meanwhile
+                children = {int(child) for child in (task / "children").read_text().split()} - found
+                todo, found = todo + list(children), found | children
+    return found
+
+
+def programs():
+    """Our descendants that run the program."""
+    def runs_program(pid):
+        with contextlib.suppress(OSError):
+            return b"tzr4417.cgi" in Path(f"/proc/{pid}/cmdline").read_bytes()
+    return {pid for pid in descendants(os.getpid()) if runs_program(pid)}
 
 
 class ServerTest(unittest.TestCase):
@@ -94,6 +113,25 @@ class ServerTest(unittest.TestCase):
         checked = subprocess.run(["lighttpd", "-tt", "-f", "/tmp/listed.conf"], capture_output=True, text=True,
                                  cwd="/")
         self.assertIn("must be one regular expression of host names", checked.stderr)
+
+    def test_a_request_stuck_on_the_daemon_ends_when_the_server_stops_waiting(self):
+        # lighttpd's CGI time-out ends it; busybox httpd has none, and the
+        # program ends once the server has stopped (here a second one, killed).
+        self.sim.stop()
+        self.addCleanup(lambda: setattr(type(self), "sim", webenv.simulator(*SLOW_APPLY)))
+        stuck = webenv.simulator("--delay-command", "ls", "--delay-ms", "3600000")
+        self.addCleanup(stuck.stop)
+        port = self.port if SERVER == "lighttpd" else webenv.free_port()
+        server = None if SERVER == "lighttpd" else webenv.sandbox.busybox(port, USER[1])
+        # The client gives up after a few seconds; the server does not notice.
+        threading.Thread(target=request, args=(port, READ), daemon=True).start()
+        self.assertTrue(webenv.poll(programs, bool))
+        start = time.monotonic()
+        for pid in (descendants(server.pid) - programs() | {server.pid}) if server else ():
+            os.kill(pid, signal.SIGKILL)
+        self.assertEqual(webenv.poll(programs, lambda pids: not pids, TIME_OUT + 10), set())
+        elapsed = time.monotonic() - start
+        self.assertTrue(TIME_OUT - 2 < elapsed if server is None else elapsed < 2, elapsed)
 
     def test_daemon_unreachable(self):
         self.sim.stop()
