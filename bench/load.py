@@ -12,6 +12,7 @@ root.
   bench/load.py CGI SIMULATOR [--clients 8] [--writes 200] [--readers 0]
 """
 import argparse
+import contextlib
 import http.client
 import os
 import statistics
@@ -69,16 +70,11 @@ def saved_writes():
 
 
 def stragglers(keep):
-    """Our children but `keep`, once those that have ended are reaped."""
-    while True:
-        try:
-            if os.waitpid(-1, os.WNOHANG)[0] == 0:
-                break
-        except ChildProcessError:
-            break
-    pids = {int(pid) for task in Path("/proc/self/task").iterdir()
-            for pid in (task / "children").read_text().split()}
-    return pids - keep
+    """Our descendants but `keep`, once those that have ended are reaped."""
+    with contextlib.suppress(ChildProcessError):
+        while os.waitpid(-1, os.WNOHANG)[0] != 0:
+            pass
+    return sandbox.descendants(os.getpid()) - keep
 
 
 def descriptors(*processes):

@@ -7,7 +7,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
-targets=(transport write_rules request)
+targets=(write_rules request)
 [ $# -gt 1 ] && targets=("${@:2}")
 
 tools/install-deps.sh

@@ -108,6 +108,17 @@ class Simulator:
         self.proc.communicate()
 
 
+def descendants(pid):
+    """The processes under `pid`, every generation, as /proc shows them now."""
+    found, todo = set(), [pid]
+    while todo:
+        for task in Path(f"/proc/{todo.pop()}/task").glob("*"):
+            with contextlib.suppress(OSError):  # gone meanwhile
+                children = {int(child) for child in (task / "children").read_text().split()} - found
+                todo, found = todo + list(children), found | children
+    return found
+
+
 def free_port():
     with socket.create_server(("127.0.0.1", 0)) as s:
         return s.getsockname()[1]

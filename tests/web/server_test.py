@@ -46,22 +46,12 @@ CASES = [
 ]
 
 
-def descendants(pid):
-    found, todo = set(), [pid]
-    while todo:
-        for task in Path(f"/proc/{todo.pop()}/task").glob("*"):
-            with contextlib.suppress(OSError):  # gone meanwhile
-                children = {int(child) for child in (task / "children").read_text().split()} - found
-                todo, found = todo + list(children), found | children
-    return found
-
-
 def programs():
     """Our descendants that run the program."""
     def runs_program(pid):
         with contextlib.suppress(OSError):
             return b"tzr4417.cgi" in Path(f"/proc/{pid}/cmdline").read_bytes()
-    return {pid for pid in descendants(os.getpid()) if runs_program(pid)}
+    return {pid for pid in webenv.sandbox.descendants(os.getpid()) if runs_program(pid)}
 
 
 class ServerTest(unittest.TestCase):
@@ -127,7 +117,7 @@ class ServerTest(unittest.TestCase):
         threading.Thread(target=request, args=(port, READ), daemon=True).start()
         self.assertTrue(webenv.poll(programs, bool))
         start = time.monotonic()
-        for pid in (descendants(server.pid) - programs() | {server.pid}) if server else ():
+        for pid in (webenv.sandbox.descendants(server.pid) - programs() | {server.pid}) if server else ():
             os.kill(pid, signal.SIGKILL)
         self.assertEqual(webenv.poll(programs, lambda pids: not pids, TIME_OUT + 10), set())
         elapsed = time.monotonic() - start
