@@ -1,11 +1,17 @@
 """The program's world on a laptop, in a private /tmp: the daemon simulator
-and lighttpd or busybox httpd with the shipped configurations, for the web
+and lighttpd or busybox httpd with the shipped configurations, for the
 tests, the benchmark and the load command. Needs root.
 
 enter() gives the calling process a mount namespace of its own with a tmpfs
 on /tmp (so /tmp/cffs_uds is its alone, never a developer's daemon) and a
 /dev of its own whose /dev/log it drains; it also becomes a child subreaper,
 so the program's detached children come back to it.
+
+  tools/sandbox.py run COMMAND [ARGUMENT...]
+
+runs COMMAND so (ctest starts each C++ test program this way). The attribute
+survives exec, also into qemu-user, which cannot set it for the program it
+emulates. COMMAND finds TZR_SANDBOX set.
 """
 import contextlib
 import ctypes
@@ -163,3 +169,11 @@ def busybox(port, password, www="/tmp/www"):
     text = text.replace("@ALLOWED_NETWORK@", "127.0.0.1").replace("@PASSWORD_HASH@", md5_crypt(password))
     Path("/tmp/httpd.conf").write_text(text)
     return serve([SRC / "web/servers/busybox/httpd.sh", f"127.0.0.1:{port}", www, "/tmp/httpd.conf"], port)
+
+
+if __name__ == "__main__":
+    if len(sys.argv) < 3 or sys.argv[1] != "run":
+        sys.exit("usage: tools/sandbox.py run COMMAND [ARGUMENT...]")
+    enter()
+    os.environ["TZR_SANDBOX"] = "1"
+    os.execvp(sys.argv[2], sys.argv[2:])

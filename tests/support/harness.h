@@ -1,9 +1,10 @@
-// What the tests run the program and its daemon in. Each test program first
-// enters a private system: a mount namespace with its own tmpfs on /tmp (so
-// "/tmp/cffs_uds" is ours alone) and a /dev with the few nodes the programs
-// use plus our own /dev/log, so tests run in parallel and never touch a
-// daemon or syslog of the machine. It is also a child subreaper: the write
-// service's detached children come back to it. Needs root.
+// What the tests run the program and its daemon in. ctest starts each test
+// program in a private system of its own (tools/sandbox.py run): a mount
+// namespace with its own tmpfs on /tmp (so "/tmp/cffs_uds" is ours alone)
+// and a /dev with the few nodes the programs use and a /dev/log, so tests
+// run in parallel and never touch a daemon or syslog of the machine. It is
+// also a child subreaper: the write service's detached children come back
+// to it. Needs root; a test program started any other way stops at once.
 #ifndef TZR_TESTS_SUPPORT_HARNESS_H_
 #define TZR_TESTS_SUPPORT_HARNESS_H_
 
