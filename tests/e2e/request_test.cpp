@@ -91,10 +91,12 @@ CgiRequest post(std::string body, Env env = {}, const char* method = "POST",
   return {query, method, body, "application/x-www-form-urlencoded", env};
 }
 
-// A read whose server gives up on it once the headers are in.
+// A read whose server gives up on it once the headers are in and it waits.
 CgiRequest answered(std::string query) {
   CgiRequest request = {query};
-  request.giveUpWhen = [](const std::string& output) { return !output.empty(); };
+  request.giveUpWhen = [](const CgiResult& sofar) {
+    return !sofar.output.empty() && asleep(sofar.pid);
+  };
   return request;
 }
 
@@ -336,7 +338,7 @@ class Pending {
   explicit Pending(const std::string& query)
       : thread_([this, query] {
           CgiRequest request = {query};
-          request.giveUpWhen = [this](const std::string&) { return givenUp_.load(); };
+          request.giveUpWhen = [this](const CgiResult&) { return givenUp_.load(); };
           result_ = runCgi(request, Millis(60000));
         }) {}
   ~Pending() { giveUp(); }

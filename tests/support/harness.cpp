@@ -178,7 +178,7 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
         char buffer[65536];
         while ((n = read(out[0], buffer, sizeof buffer)) > 0) result.output.append(buffer, n);
         ended = n == 0;
-        return ended || (request.giveUpWhen && request.giveUpWhen(result.output));
+        return ended || (request.giveUpWhen && request.giveUpWhen(result));
       },
       forProgram(limit));
   result.gaveUp = !ended;

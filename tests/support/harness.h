@@ -43,6 +43,13 @@ Millis forProgram(Millis limit);
 // or until the server gives up: it closes its end of stdout, gives the
 // program two seconds to end and then kills it.
 // TZR_CGI_WRAPPER, if set, is a command to run it under (tools/memcheck.py).
+struct CgiResult {
+  std::string output;
+  int exitStatus = -1;  // unless it exited normally
+  bool gaveUp = false;  // the server gave up before the output ended
+  pid_t pid = 0;
+};
+
 struct CgiRequest {
   std::string query = {};
   std::string method = "GET";
@@ -51,14 +58,8 @@ struct CgiRequest {
   std::vector<std::pair<std::string, std::string>> env = {};
   // As user nobody allowed no second process, so that fork fails.
   bool forkFails = false;
-  std::function<bool(const std::string& output)> giveUpWhen = {};  // asked as output comes
-};
-
-struct CgiResult {
-  std::string output;
-  int exitStatus = -1;  // unless it exited normally
-  bool gaveUp = false;  // the server gave up before the output ended
-  pid_t pid = 0;
+  // Asked, with the output so far, while the program runs.
+  std::function<bool(const CgiResult& sofar)> giveUpWhen = {};
 };
 
 // The server gives up when the output has not ended within `limit`.
