@@ -76,8 +76,8 @@ openssl req -x509 -config "$new/req.conf" -newkey ec -pkeyopt ec_paramgen_curve:
 
 # On disk before their names are: a power cut must not leave a named but
 # empty file. The certificate comes last: once it is there, so is its key.
-sync
+sync "$new/key.pem" "$new/cert.pem"
 mv "$new/key.pem" "$dir/key.pem"
 mv "$new/cert.pem" "$dir/cert.pem"
-sync
+sync "$dir"
 fingerprint "made a key and certificate in $dir"
