@@ -47,8 +47,7 @@ def users():
 
 
 def request(port, target, headers=None, body=None, user=USER, method=None, cafile=None):
-    """One request, over HTTPS trusting CAFILE alone if given: (status, or None if closed with no bytes;
-    headers; body)."""
+    """One request, over HTTPS if CAFILE (the one trusted): (status, or None if closed with no bytes; headers; body)."""
     auth = {"Authorization": "Basic " + base64.b64encode(":".join(user).encode()).decode()} if user else {}
     form = {"Content-Type": "application/x-www-form-urlencoded"} if body else {}
     connection = (http.client.HTTPSConnection("127.0.0.1", port, timeout=5, context=ssl.create_default_context(
