@@ -9,7 +9,7 @@ target_link_options(tzr4417.cgi PRIVATE "LINKER:-Map=$<TARGET_FILE:tzr4417.cgi>.
 # `cmake --install` so that tools/demo.sh's document root holds only cgi-bin.
 install(FILES INSTALL.md DESTINATION . COMPONENT notes EXCLUDE_FROM_ALL)
 if(EXISTS ${PROJECT_SOURCE_DIR}/web/servers)
-  # httpd.sh stays executable: INSTALL.md starts it as it comes.
+  # httpd.sh and tzr4417-certificate.sh stay executable: the board runs them as they come.
   install(DIRECTORY web/servers DESTINATION web COMPONENT notes EXCLUDE_FROM_ALL USE_SOURCE_PERMISSIONS)
 endif()
 

@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(build-essential cmake pkg-config libcgicc-dev googletest libgtest-dev libgmock-dev
-          lighttpd curl clang-format util-linux valgrind
+          lighttpd lighttpd-mod-openssl openssl curl clang-format util-linux valgrind
           busybox chromium chromium-driver python3-selenium iproute2)
 
 [ $# -eq 0 ] || packages=("$@")

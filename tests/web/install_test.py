@@ -1,12 +1,14 @@
 """INSTALL.md to the letter: this build's release archive (cpack, as tools/build-arm.sh --package), unpacked; the
-guide's shell blocks run into a scratch root; each server started in it as the guide says, and asked the guide's
-curl examples. argv: CGI SIMULATOR BUILD-TREE"""
+guide's shell blocks run into a scratch root; the board's boot command for the certificate run in it twice; each
+server started in it as the guide says, and asked the guide's curl examples. argv: CGI SIMULATOR BUILD-TREE"""
 import re, subprocess, sys, tarfile, unittest
 from pathlib import Path
 import webenv
 from webenv import IP, PROGRAM, USER, request
 
 ROOTFS = Path("/tmp/rootfs")
+TLS = ROOTFS / "etc/lighttpd/tzr4417/tls"
+BOARD = "127.0.0.1"  # the guide's board, at 192.168.1.10
 SETTINGS = {"ROOTFS": ROOTFS, "PASSWORD": USER[1], "NETWORK": "127.0.0.1"}
 
 
@@ -22,7 +24,8 @@ class InstallTest(unittest.TestCase):
         guide = (unpacked / "INSTALL.md").read_text()
         blocks = re.findall(r"^```sh\n(.*?)^```", guide, re.S | re.M)
         cls.examples = re.findall(r"^\$ (curl .*)\n(.*)$", guide, re.M)  # and the answer it shows
-        cls.board = [block.splitlines()[-1] for block in blocks if block.startswith("# On the board")]
+        cls.board = [block.splitlines()[-1].replace("192.168.1.10", BOARD) for block in blocks
+                     if block.startswith("# On the board")]
         script = "\n".join(block for block in blocks if not block.startswith("# On the board"))
         for name, value in SETTINGS.items():
             script = re.sub(rf"^{name}=.*$", f"{name}='{value}'", script, flags=re.M)
@@ -36,17 +39,26 @@ class InstallTest(unittest.TestCase):
         cls.sim = webenv.simulator()
 
     def test_each_server_serves_the_console_and_answers_the_examples(self):
-        self.assertEqual((len(self.board), len(self.examples)), (2, 2))
-        for command in self.board:
+        self.assertEqual((len(self.board), len(self.examples)), (3, 2))
+        certificate, *servers = self.board
+        made = []
+        for _ in range(2):  # each boot runs it; the first one's certificate stays
+            subprocess.run(["chroot", ROOTFS, "/bin/sh", "-c", certificate], check=True, capture_output=True)
+            made.append((TLS / "cert.pem").read_bytes())
+        self.assertEqual((made[1], (TLS / "key.pem").stat().st_mode & 0o777), (made[0], 0o600))
+        # lighttpd: HTTPS, and a redirect over plain HTTP; busybox httpd: plain HTTP alone.
+        for command, plain, port, cafile in zip(servers, (308, 401), (443, 80), (TLS / "cert.pem", None)):
             with self.subTest(command):
                 server = webenv.sandbox.serve(["chroot", ROOTFS, "/bin/sh", "-c", "exec " + command], 80)
                 try:
-                    self.assertEqual(request(80, f"{PROGRAM}?read={IP}", user=None)[0], 401)
+                    self.assertEqual(request(80, f"{PROGRAM}?read={IP}", user=None)[0], plain)
                     for example, answer in self.examples:
-                        example = example.replace("BOARD", "127.0.0.1").replace("-u admin", "-u " + ":".join(USER))
+                        example = example.replace("BOARD", BOARD).replace("-u admin", "-u " + ":".join(USER))
+                        example = example.replace("encoder.pem", str(cafile))
+                        example = example if cafile else example.replace("https:", "http:")
                         self.assertEqual(subprocess.run(example, shell=True, capture_output=True, text=True).stdout,
                                          answer + "\n")
-                    status, headers, page = request(80, "/console/", user=None)
+                    status, headers, page = request(port, "/console/", user=None, cafile=cafile)
                     self.assertEqual((status, headers["Content-Type"][:9], b"console.js" in page),
                                      (200, "text/html", True))
                 finally:

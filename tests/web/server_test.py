@@ -1,11 +1,13 @@
 """tzr4417.cgi behind a real web server with the shipped configuration.
-argv: CGI SIMULATOR lighttpd|busybox"""
-import contextlib, json, os, signal, subprocess, sys, threading, time, unittest
+argv: CGI SIMULATOR lighttpd|https|busybox (https: lighttpd's HTTPS snippet, on 443, its redirect on 80)"""
+import contextlib, functools, json, os, signal, socket, ssl, subprocess, sys, threading, time, unittest
 from pathlib import Path
 import webenv
 from webenv import HEADER, IP, PROGRAM, USER, request
 
 SERVER = sys.argv[3]
+CAFILE = {"https": webenv.CERT}.get(SERVER)  # the device certificate is the one trusted
+ask = functools.partial(request, cafile=CAFILE)
 SLOW_APPLY = ("--delay-command", "apply", "--delay-ms", "1000")
 FRAMES = "frame-ancestors 'none'"
 READ = f"{PROGRAM}?read={IP}"
@@ -57,13 +59,15 @@ def programs():
 class ServerTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        webenv.isolate()
+        webenv.isolate("192.0.2.10")  # a network of its own: 80 and 443 are free
         cls.sim = webenv.simulator(*SLOW_APPLY)
-        cls.port = webenv.free_port()
+        cls.port = 443 if CAFILE else webenv.free_port()
         if SERVER == "busybox":
             webenv.sandbox.busybox(cls.port, USER[1])
         else:
-            webenv.lighttpd("tzr4417.conf", cls.port, tzr4417_hosts="encoder", tzr4417_users=webenv.users())
+            webenv.certificate("encoder", "127.0.0.1")
+            webenv.lighttpd("tzr4417-https.conf" if CAFILE else "tzr4417.conf", 80 if CAFILE else cls.port,
+                            tzr4417_hosts="encoder", tzr4417_users=webenv.users(), tzr4417_tls=webenv.TLS)
 
     def test_requests(self):
         for name, target, headers, body, user, *expected in CASES:
@@ -73,11 +77,11 @@ class ServerTest(unittest.TestCase):
                     continue
                 method, _, target = target.rpartition(" ")
                 before = self.sim.connections()
-                status, got, reply = request(self.port, target, headers, body and body.encode(), user, method)
+                status, got, reply = ask(self.port, target, headers, body and body.encode(), user, method)
                 self.assertEqual(status, want, reply)
                 if status == 200 and target == READ and method != "HEAD":
                     self.assertEqual(json.loads(reply)[IP], "192.168.1.10")
-                if status == 200 and SERVER == "lighttpd":  # neither the console nor a reply may be framed
+                if status == 200 and SERVER != "busybox":  # neither the console nor a reply may be framed
                     self.assertEqual((got["X-Frame-Options"], got["Content-Security-Policy"]), ("DENY", FRAMES))
                 if target == "/console/":
                     self.assertRegex(got["Content-Type"], "^text/html")
@@ -89,7 +93,7 @@ class ServerTest(unittest.TestCase):
         count = lambda word: self.sim.transcript().count(word + "\\r")  # noqa: E731
         saves = webenv.poll(lambda: count("save"), lambda n: n == count("apply"))
         start = time.monotonic()
-        status, _, reply = request(self.port, f"{PROGRAM}?write={IP}&value=10.0.0.5", HEADER)
+        status, _, reply = ask(self.port, f"{PROGRAM}?write={IP}&value=10.0.0.5", HEADER)
         self.assertLess(time.monotonic() - start, 0.4)
         self.assertEqual((status, json.loads(reply)), (200, {"write": IP, "value": "10.0.0.5", "reply": ""}))
         self.assertEqual(count("save"), saves)
@@ -104,6 +108,7 @@ class ServerTest(unittest.TestCase):
                                  cwd="/")
         self.assertIn("must be one regular expression of host names", checked.stderr)
 
+    @unittest.skipIf(CAFILE, "the same rules as over plain HTTP")
     def test_a_request_stuck_on_the_daemon_ends_when_the_server_stops_waiting(self):
         # lighttpd's CGI time-out ends it; busybox httpd has none, and the
         # program ends once the server has stopped (here a second one, killed).
@@ -123,10 +128,30 @@ class ServerTest(unittest.TestCase):
         elapsed = time.monotonic() - start
         self.assertTrue(TIME_OUT - 2 < elapsed if server is None else elapsed < 2, elapsed)
 
+    @unittest.skipUnless(CAFILE, "the HTTPS snippet")
+    def test_plain_http_only_redirects(self):
+        before = self.sim.connections()
+        for target, headers, user in [(READ, {}, None), (WRITE, HEADER, USER), ("/console/", {}, None)]:
+            status, got, _ = request(80, target, headers, user=user)
+            self.assertEqual((status, got["Location"]), (308, "https://127.0.0.1" + target))
+        self.assertEqual(self.sim.connections(), before)
+
+    @unittest.skipUnless(CAFILE, "the HTTPS snippet")
+    def test_tls_1_2_and_1_3_only(self):
+        for version in ssl.TLSVersion.TLSv1, ssl.TLSVersion.TLSv1_1, ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3:
+            context = ssl.create_default_context(cafile=CAFILE)
+            context.minimum_version = context.maximum_version = version
+            context.set_ciphers("DEFAULT:@SECLEVEL=0")  # all an old client could offer
+            accepted = False
+            with self.subTest(version), socket.create_connection(("127.0.0.1", 443)) as raw:
+                with contextlib.suppress(ssl.SSLError), context.wrap_socket(raw, server_hostname="127.0.0.1"):
+                    accepted = True
+                self.assertEqual(accepted, version >= ssl.TLSVersion.TLSv1_2)
+
     def test_daemon_unreachable(self):
         self.sim.stop()
         try:
-            self.assertEqual(request(self.port, READ)[0], 500)
+            self.assertEqual(ask(self.port, READ)[0], 500)
         finally:
             type(self).sim = webenv.simulator(*SLOW_APPLY)
 

@@ -1,6 +1,6 @@
 """The web tests' world: tools/sandbox.py with the program installed, a file
 beside it that must not be served, a network of its own if asked; raw HTTP."""
-import base64, http.client, os, subprocess, sys
+import base64, http.client, os, ssl, subprocess, sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
@@ -12,6 +12,7 @@ PROGRAM, IP = "/cgi-bin/tzr4417.cgi", "/configuration/network/ip_addr"
 USER = ("admin", "s3cret")
 CLONE_NEWNET = 0x40000000
 HEADER = {"X-Tzr4417-Console": "1"}  # what the console and scripts send
+TLS, CERT = "/tmp/tls", "/tmp/tls/cert.pem"  # var.tzr4417_tls, and the certificate made there
 
 
 def isolate(*addresses):
@@ -35,16 +36,22 @@ def simulator(*options):
     return sandbox.Simulator(SIM, *options)
 
 
+def certificate(*names):
+    subprocess.run([sandbox.SRC / "web/servers/lighttpd/tzr4417-certificate.sh", TLS, *names], check=True,
+                   capture_output=True)
+
+
 def users():
     Path("/tmp/users").write_text(f"{USER[0]}:{sandbox.md5_crypt(USER[1])}\n")
     return "/tmp/users"
 
 
-def request(port, target, headers=None, body=None, user=USER, method=None):
-    """One request: (status, or None if closed with no bytes; headers; body)."""
+def request(port, target, headers=None, body=None, user=USER, method=None, cafile=None):
+    """One request, over HTTPS if CAFILE (the one trusted): (status, or None if closed with no bytes; headers; body)."""
     auth = {"Authorization": "Basic " + base64.b64encode(":".join(user).encode()).decode()} if user else {}
     form = {"Content-Type": "application/x-www-form-urlencoded"} if body else {}
-    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=5)
+    connection = (http.client.HTTPSConnection("127.0.0.1", port, timeout=5, context=ssl.create_default_context(
+        cafile=cafile)) if cafile else http.client.HTTPConnection("127.0.0.1", port, timeout=5))
     try:
         connection.request(method or ("POST" if body else "GET"), target, body, {**auth, **form, **(headers or {})})
         response = connection.getresponse()
