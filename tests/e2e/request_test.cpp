@@ -375,9 +375,8 @@ TEST(RequestTest, TheDaemonGoesAwayAtEachRequestOfAWrite) {
       const bool waits = fault == "--hangup-at" && k < 38;
       Pending request("write=/configuration/network/ip_addr&value=10.0.0.5");
       if (waits) {
-        const pid_t pid = newSleeper({sim.pid()});
-        EXPECT_NE(0, pid);
-        EXPECT_TRUE(lockIsFree());
+        EXPECT_NE(0, newSleeper({sim.pid()}));
+        EXPECT_TRUE(waitUntil(lockIsFree, forProgram(Millis(5000))));
       }
       const CgiResult& result = waits ? request.giveUp() : request.finish();
       EXPECT_EQ(waits ? "" : k < 38 ? kRefused : reply, result.output);
