@@ -26,7 +26,8 @@ int openLockFile(const char* path) {
 void onTick(int) {}
 
 // Blocks in flock() for an immediate hand-off, but a timer interrupts the
-// wait once a second to see whether anybody still waits for the request.
+// wait once a second to see whether anybody still waits for the request;
+// once nobody does, it gives up with ECANCELED.
 bool waitFor(int fd, int operation) {
   struct sigaction tick = {}, saved;
   tick.sa_handler = onTick;  // and no SA_RESTART, so that flock() returns
@@ -36,7 +37,10 @@ bool waitFor(int fd, int operation) {
   ::setitimer(ITIMER_REAL, &everySecond, nullptr);
   int result;
   while ((result = ::flock(fd, operation)) != 0 && errno == EINTR) {
-    if (replyAbandoned()) endAbandonedRequest();
+    if (replyAbandoned()) {
+      errno = ECANCELED;
+      break;
+    }
   }
   const int error = errno;
   ::setitimer(ITIMER_REAL, &stopped, nullptr);
@@ -66,6 +70,7 @@ bool DaemonLock::acquire(LockMode mode) {
   const int error = errno;
   if (queue >= 0) ::close(queue);  // and with it the place in the queue
   if (!taken) release();
+  if (!taken && error == ECANCELED) endAbandonedRequest();
   errno = error;
   return taken;
 }

@@ -129,10 +129,16 @@ bool UdsConnection::awaitReply() {
       if (errno == EINTR) continue;
       return true;  // recv() then blocks and reports what is wrong
     }
-    if (replyAbandoned(fds[1].revents)) endAbandonedRequest();
+    if (replyAbandoned(fds[1].revents)) endAbandoned();
     if (fds[1].revents & POLLNVAL) fds[1].fd = -1;  // no output at all to watch
     if (fds[0].revents != 0) return true;
   }
+}
+
+void UdsConnection::endAbandoned() {
+  close();
+  lock_.release();
+  endAbandonedRequest();
 }
 
 // A daemon that hung up can never finish the reply, so the request can
@@ -143,7 +149,7 @@ void UdsConnection::awaitAbandonment() {
   pollfd reply = {kReplyFd, 0, 0};
   for (;;) {
     if (::poll(&reply, 1, -1) < 0) continue;
-    if (replyAbandoned(reply.revents)) endAbandonedRequest();
+    if (replyAbandoned(reply.revents)) endAbandoned();
     if (reply.revents & POLLNVAL) reply.fd = -1;  // then only a signal ends us
   }
 }

@@ -74,6 +74,7 @@ class UdsConnection {
   void setStatus(UdsStatus status, int error);
   bool awaitReply();
   [[noreturn]] void awaitAbandonment();
+  [[noreturn]] void endAbandoned();  // with the socket and the lock let go
 
   int fd_;
   UdsStatus status_;
