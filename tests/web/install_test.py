@@ -1,6 +1,6 @@
 """INSTALL.md to the letter: this build's release archive (cpack, as tools/build-arm.sh --package), unpacked; the
 guide's shell blocks run into a scratch root; the board's boot command for the certificate run in it twice; each
-server started in it as the guide says, and asked the guide's curl examples. argv: CGI SIMULATOR BUILD-TREE"""
+server started in it as the guide says, and asked the guide's curl examples. argv: CGI (in its build tree) SIMULATOR"""
 import re, subprocess, sys, tarfile, unittest
 from pathlib import Path
 import webenv
@@ -17,7 +17,8 @@ class InstallTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         webenv.isolate("192.0.2.10")  # port 80 of a network of its own
-        subprocess.run(["cpack", "-G", "TGZ", "-B", "/tmp/package"], cwd=sys.argv[3], check=True, capture_output=True)
+        subprocess.run(["cpack", "-G", "TGZ", "-B", "/tmp/package"], cwd=Path(webenv.CGI).parent, check=True,
+                       capture_output=True)
         with tarfile.open(next(Path("/tmp/package").glob("tzr4417-*.tar.gz"))) as archive:
             archive.extractall("/tmp/package")
         unpacked = next(path for path in Path("/tmp/package").glob("tzr4417-*") if path.is_dir())
