@@ -1,10 +1,8 @@
-// The configuration daemon, played in process for the fuzz targets that link
-// fake_daemon.cpp. Its LLVMFuzzerInitialize (needs root) enters a private
-// mount namespace with a tmpfs on /tmp where "/tmp/cffs_uds" listens, mutes
-// syslog and sends stdout to /dev/null. Its send() and recv() take the C
-// library's place for the program: send() checks and swallows each request
-// line, recv() hands out the script in chunks of fuzzer-chosen sizes, and
-// poll() finds every descriptor ready.
+// The configuration daemon, played in process for the fuzz targets. Its
+// LLVMFuzzerInitialize (root) listens on a private "/tmp/cffs_uds" and mutes
+// syslog and stdout. Its send(), recv() and poll() replace the C library's:
+// send() checks each request line, recv() hands out the script in chunks of
+// fuzzer-chosen sizes, poll() finds every descriptor ready.
 #ifndef TZR_FUZZ_FAKE_DAEMON_H_
 #define TZR_FUZZ_FAKE_DAEMON_H_
 

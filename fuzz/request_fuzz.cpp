@@ -1,7 +1,6 @@
-// The request front end: cgicc parses an environment and a body made of the
-// fuzzer's bytes, and the request runs against the fake daemon. fork() fails
-// here, so a write takes the program's own fork-failure path and runs to its
-// end in this process instead of exiting.
+// cgicc parses an environment and a body of the fuzzer's bytes, and the
+// request runs against the fake daemon. fork() fails here, so a write runs to
+// its end on the program's own fork-failure path.
 #include <cgicc/CgiInput.h>
 #include <errno.h>
 #include <stdlib.h>
@@ -44,9 +43,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                "multipart/form-data; boundary=" + boundary, boundary};
   input.env["CONTENT_TYPE"] = in.PickValueInArray(types);
   input.body = in.ConsumeRandomLengthString();
-  // The body's own length or any short text, negative and garbage too; but
-  // no larger claim: cgicc sets aside what is claimed before it reads, and
-  // the web server's request-size limit is what refuses those.
+  // The body's own length or any short text, garbage too; no larger claim:
+  // cgicc sets it aside first, and the web server's limit refuses those.
   std::string length = in.ConsumeBool() ? in.ConsumeRandomLengthString(12) : "";
   if (length.empty() || atol(length.c_str()) > (1 << 20))
     length = std::to_string(input.body.size());

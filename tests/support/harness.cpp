@@ -41,9 +41,8 @@ std::string readFile(const std::string& path) {
 
 ParameterMap treeIn(const std::string& path) { return parseTree(readFile(path)); }
 
-// A cross build's programs run through the emulator (qemu-user), the build
-// machine knowing no other way to start them; and the program may run under
-// a checker such as valgrind, named by TZR_CGI_WRAPPER.
+// A cross build's programs run through the emulator, and the program may run
+// under a checker such as valgrind (TZR_CGI_WRAPPER).
 [[noreturn]] void execTarget(const char* program, Strings arguments, char** envp,
                              const char* wrapper = "") {
   Strings command;
@@ -62,8 +61,7 @@ ParameterMap treeIn(const std::string& path) { return parseTree(readFile(path));
   dup2(in, 0);
   dup2(out, 1);
   signal(SIGPIPE, SIG_DFL);
-  // cgicc needs no more of the environment than this; a sanitizer's options
-  // pass on.
+  // cgicc needs no more than this; a sanitizer's options pass on.
   std::map<std::string, std::string> variables = {
       {"REQUEST_METHOD", request.method},
       {"QUERY_STRING", request.query},
@@ -81,8 +79,7 @@ ParameterMap treeIn(const std::string& path) { return parseTree(readFile(path));
     check(setrlimit(RLIMIT_NPROC, &limit) == 0 && setgid(nobody) == 0 && setuid(nobody) == 0,
           "become nobody");
 #ifdef __SANITIZE_ADDRESS__
-    // LeakSanitizer looks for leaks from a process of its own, which the
-    // limit forbids; the rest of AddressSanitizer stays on.
+    // LeakSanitizer needs a process of its own, which the limit forbids.
     variables["ASAN_OPTIONS"] += ":detect_leaks=0";
 #endif
   }

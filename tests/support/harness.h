@@ -1,10 +1,7 @@
 // What the tests run the program and its daemon in. ctest starts each test
-// program in a private system of its own (tools/sandbox.py run): a mount
-// namespace with its own tmpfs on /tmp (so "/tmp/cffs_uds" is ours alone)
-// and a /dev with the few nodes the programs use and a /dev/log, so tests
-// run in parallel and never touch a daemon or syslog of the machine. It is
-// also a child subreaper: the write service's detached children come back
-// to it. Needs root; a test program started any other way stops at once.
+// program in a sandbox of its own (tools/sandbox.py run): its own /tmp, so
+// "/tmp/cffs_uds" is ours alone, its own /dev/log, and as a child subreaper,
+// so detached children come back to it. Started any other way, it stops.
 #ifndef TZR_TESTS_SUPPORT_HARNESS_H_
 #define TZR_TESTS_SUPPORT_HARNESS_H_
 
@@ -27,22 +24,19 @@ bool waitUntil(const std::function<bool()>& done, Millis limit = Millis(5000));
 // Live or unreaped children, detached ones included.
 std::vector<pid_t> children();
 
-// Reaps children as they end; true once none is left but `keep` (say, the
-// simulator) within `limit`, stretched for a checker.
+// Reaps children as they end; true once none but `keep` is left in `limit`.
 bool reapAllChildren(pid_t keep = 0, Millis limit = Millis(5000));
 
-// Whether `pid` takes no CPU time over a tenth of a second: it waits asleep,
-// where a spinning wait would take all of it.
+// Whether `pid` takes no CPU time over a tenth of a second (no spinning wait).
 bool asleep(pid_t pid);
 
 // `limit` for something the program does, longer when a checker runs it.
 Millis forProgram(Millis limit);
 
 // One run of the shipped tzr4417.cgi as a web server makes it: a CGI
-// environment, the body on stdin, stdout until every holder lets go of it,
-// or until the server gives up: it closes its end of stdout, gives the
-// program two seconds to end and then kills it.
-// TZR_CGI_WRAPPER, if set, is a command to run it under (tools/memcheck.py).
+// environment, the body on stdin, stdout until every holder lets go of it or
+// the server gives up: it closes stdout, gives the program two seconds to end,
+// then kills it. TZR_CGI_WRAPPER is a command to run it under (memcheck).
 struct CgiResult {
   std::string output;
   int exitStatus = -1;  // unless it exited normally
@@ -68,8 +62,7 @@ CgiResult runCgi(const CgiRequest& request, Millis limit = Millis(5000));
 // The default appliance configuration shipped with the simulator.
 ParameterMap defaultTree();
 
-// The daemon simulator (tools/cffs_sim) on "/tmp/cffs_uds", with extra
-// arguments such as faults ("--reset-at", "3").
+// The daemon simulator on "/tmp/cffs_uds", with arguments such as faults.
 class Simulator {
  public:
   explicit Simulator(const ParameterMap& tree, Strings arguments = {});
@@ -89,8 +82,8 @@ class Simulator {
 // (priority, message) pairs, e.g. (LOG_USER | LOG_INFO, "Setting ...").
 using Log = std::vector<std::pair<int, std::string>>;
 
-// Binds /dev/log and parses "<PRI>Mmm dd hh:mm:ss tzr4417.cgi[PID]: TEXT";
-// any other datagram is kept whole, with priority -1.
+// Binds /dev/log and parses "<PRI>Mmm dd hh:mm:ss tzr4417.cgi[PID]: TEXT"
+// (any other datagram whole, priority -1).
 class SyslogCapture {
  public:
   SyslogCapture();

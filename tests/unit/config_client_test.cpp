@@ -8,9 +8,8 @@ namespace {
 
 const ParameterMap kTree = {{"/a", " \t spaced  out \r"}, {"/b", "2"}};
 
-// A CR, LF or NUL in a name would end the request early and pass the rest
-// off as a command of its own: such reads are refused, sending nothing, and
-// the connection goes on serving the next one.
+// A CR, LF or NUL in a name would pass the rest off as a command of its own:
+// such reads are refused, sending nothing, and the connection goes on.
 TEST(ConfigClientTest, GetTrimsAnswersAndRefusesUnframableNames) {
   Simulator sim(kTree);
   ConfigClient client;

@@ -1,7 +1,6 @@
-// Each rule against the daemon simulator. A row: the stored tree as a delta
-// over the default configuration (which agrees with every rule), the write
-// (entered in the set first, as the write service does, when it names a
-// parameter), and the entries the rule records.
+// Each rule against the daemon simulator. A row: the stored tree as a delta over
+// the default configuration (which agrees with every rule), the write (entered
+// in the set first, as the write service does), and the entries recorded.
 #include <gtest/gtest.h>
 
 #include <functional>

@@ -1,6 +1,5 @@
-// Which rule a written name sets off, and the rules that only carry a value
-// over (frame rate, stream audio). Every rule would record something on this
-// tree, so what is recorded names the rule that ran.
+// Which rule a written name sets off, and the rules that only carry a value over
+// (frame rate, stream audio). On this tree what is recorded names the rule.
 #include "write_service/triggered_rule.h"
 
 #include <gtest/gtest.h>

@@ -18,9 +18,8 @@ namespace {
 
 const ParameterMap kTree = {{"/a", "abc"}, {"/g", ">x"}, {"/p", "x/> y"}};
 
-// Each request goes out with one CR unless it has one; each reply ends at the
-// first prompt however the chunks split it, and whatever follows the prompt in
-// its chunk is dropped ("/p" holds a prompt of its own, so it comes last).
+// One CR ends each request unless it has one; a reply ends at the first prompt
+// however chunks split it, the rest of its chunk dropped ("/p" holds a prompt).
 TEST(UdsConnectionTest, ExchangesRequestsAndReplies) {
   const Strings exchanges = {
       "save",  "",       "ls /a\r", "abc\r\n", "ls /a\n", "No such file or directory\r\n",
@@ -43,9 +42,8 @@ TEST(UdsConnectionTest, ExchangesRequestsAndReplies) {
 }
 
 // Every failure closes the connection for good: later exchanges fail without
-// touching their reply. A daemon that has gone shows as an error, never as a
-// SIGPIPE that would end the program. Unattended (the detached child), a
-// hang-up or a daemon that stays silent fails the exchange too.
+// touching their reply; a daemon gone is an error, never a SIGPIPE. Unattended,
+// a hang-up or a silent daemon fails the exchange too.
 TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
   signal(SIGPIPE, SIG_DFL);
   rlimit limit;
