@@ -18,8 +18,8 @@ inline bool replyAbandoned(short revents) { return (revents & (POLLERR | POLLHUP
 // Whether the web server has stopped waiting, as of now.
 bool replyAbandoned();
 
-// Ends the request at once, without a word; the callers let go of their
-// lock and their daemon connection first.
+// Ends the request at once, without a word (exit status 0); the callers let
+// go of their lock and their daemon connection first.
 [[noreturn]] void endAbandonedRequest();
 
 #endif  // TZR_CONFIG_CLIENT_ABANDONED_REPLY_H_
