@@ -160,7 +160,6 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
   fcntl(in[1], F_SETFL, O_NONBLOCK);
   fcntl(out[0], F_SETFL, O_NONBLOCK);
   size_t sent = 0;
-  bool ended = false;
   waitUntil(
       [&] {
         ssize_t n = 0;
@@ -174,11 +173,9 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
         }
         char buffer[65536];
         while ((n = read(out[0], buffer, sizeof buffer)) > 0) result.output.append(buffer, n);
-        ended = n == 0;
-        return ended || (request.giveUpWhen && request.giveUpWhen(result));
+        return n == 0 || (request.giveUpWhen && request.giveUpWhen(result));
       },
       forProgram(limit));
-  result.gaveUp = !ended;
   if (in[1] >= 0) close(in[1]);
   close(out[0]);
   int status = 0;
@@ -221,17 +218,11 @@ Simulator::~Simulator() {
   waitpid(pid_, nullptr, 0);
 }
 
-Strings Simulator::transcript() const {
+Strings Simulator::transcript(bool reads) const {
   Strings requests;
   std::istringstream text(readFile(directory_ + "/transcript"));
-  for (std::string line; std::getline(text, line);) requests.push_back(line);
-  return requests;
-}
-
-Strings Simulator::writes() const {
-  Strings requests;
-  for (const std::string& request : transcript()) {
-    if (request.compare(0, 3, "ls ") != 0) requests.push_back(request);
+  for (std::string line; std::getline(text, line);) {
+    if (reads || line.compare(0, 3, "ls ") != 0) requests.push_back(line);
   }
   return requests;
 }

@@ -40,7 +40,6 @@ Millis forProgram(Millis limit);
 struct CgiResult {
   std::string output;
   int exitStatus = -1;  // unless it exited normally
-  bool gaveUp = false;  // the server gave up before the output ended
   pid_t pid = 0;
 };
 
@@ -68,9 +67,9 @@ class Simulator {
   explicit Simulator(const ParameterMap& tree, Strings arguments = {});
   ~Simulator();
 
-  // The requests received, escaped as recorded: "save" arrives as save\r.
-  Strings transcript() const;
-  Strings writes() const;  // without the reads
+  // The requests received, escaped as recorded: "save" arrives as save\r;
+  // without the reads ("ls ...") unless `reads`.
+  Strings transcript(bool reads = true) const;
   ParameterMap savedTree() const;
   pid_t pid() const { return pid_; }
 
