@@ -75,22 +75,7 @@ TEST(FixedSettingsRule, RestoresDriftedRowsAgainstTheStoredValue) {
       {"a failed read skips its row", {{stream, "1"}, {on, "no"}}, {}, {{stream, "2"}}, {},
        {"--reset-at", "10"}}});
 }
-// clang-format on
 
-// The shipped default configuration holds the pinned values.
-TEST(FixedSettingsRule, PinsExactlyTenParametersToTheirDefaultValues) {
-  const ParameterMap defaults = defaultTree();
-  ParameterMap drifted = defaults;
-  for (auto& entry : drifted) entry.second += "x";
-  Simulator daemon(drifted);
-  ConfigClient client;
-  ChangeSet changes;
-  applyFixedSettings(client, changes);
-  EXPECT_EQ(10u, changes.size());
-  for (const auto& [path, value] : changes) EXPECT_EQ(defaults.at(path), value) << path;
-}
-
-// clang-format off
 TEST(NetworkAddressRule, BroadcastIsAddressOrNotMask) {
   const ParameterMap bogus = {{kCast, "0.0.0.0"}};  // anything computed would differ
   check(updateBroadcastAddress, {
@@ -165,5 +150,18 @@ TEST(MuxBitrateRule, TotalsScaledClampedAndWrapped) {
        {{total, "4466526"}}, {}, {"--reset-at", "9"}}});
 }
 // clang-format on
+
+// The shipped default configuration holds the pinned values.
+TEST(FixedSettingsRule, PinsExactlyTenParametersToTheirDefaultValues) {
+  const ParameterMap defaults = defaultTree();
+  ParameterMap drifted = defaults;
+  for (auto& entry : drifted) entry.second += "x";
+  Simulator daemon(drifted);
+  ConfigClient client;
+  ChangeSet changes;
+  applyFixedSettings(client, changes);
+  EXPECT_EQ(10u, changes.size());
+  for (const auto& [path, value] : changes) EXPECT_EQ(defaults.at(path), value) << path;
+}
 
 }  // namespace

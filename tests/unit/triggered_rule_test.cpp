@@ -19,9 +19,8 @@ const std::string kRtmpAudio = "/configuration/outputs/rtmp/streams/stream1/aenc
 const std::string kMuxAudio = "/configuration/outputs/ts/muxer/mux1/component2/encoder";
 // clang-format off
 const ParameterMap kSingle2 = {
-    {kEncoders + "1/input", "in2"}, {kEncoders + "2/input", "in2"}, {kMuxAudio, "aenc2"},
-    {"/configuration/outputs/rtsp/streams/stream1/aenc", "2"},
-    {"/configuration/outputs/ts/muxer/mux2/component2/encoder", "aenc2"}};
+    {kEncoders + "1/input", "in2"}, {kEncoders + "2/input", "in2"}, {kStreams + "1/aenc", "2"},
+    {kMuxAudio, "aenc2"}, {"/configuration/outputs/ts/muxer/mux2/component2/encoder", "aenc2"}};
 // clang-format on
 
 TEST(TriggeredRuleTest, AtMostOneRuleByTheWrittenName) {
@@ -52,7 +51,7 @@ TEST(TriggeredRuleTest, AtMostOneRuleByTheWrittenName) {
       {kStreams + "1/aenc", "\"\"", {{kRtmpAudio, "\"\""}, {kMuxAudio, "aenc\"\""}}},
       {kStreams + "12/aenc", "3", {}},
       {kStreams + "1/venc", "3", {}},
-      {"/configuration/outputs/rtmp/streams/stream1/aenc", "3", {}},
+      {kRtmpAudio, "3", {}},
       {kStreams, "3", {}, true},
       {kNet + "ip_addr", "10.0.0.5", {{kCast, "10.0.0.255"}}},
       {kNet + "subnet_mask", "255.255.0.0", {{kCast, "192.168.255.255"}}},
