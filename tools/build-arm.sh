@@ -18,26 +18,14 @@ build=build/$arch
 tools/install-deps.sh cmake pkg-config "g++-$triple" qemu-user
 
 # The target's libraries come from Debian's packages for that architecture,
-# fetched by a private apt (its own lists, cache and an empty dpkg status)
-# and unpacked into the build tree. Not multiarch: the target's cgicc
-# conflicts with the host's, and a second libc beside the cross compiler's
-# breaks fork() under qemu.
+# unpacked into the build tree.
 packages=(libcgicc-dev libcgicc3 libgtest-dev)
 sysroot=$build/sysroot
 if [ "$(cat "$sysroot/.packages" 2>/dev/null)" != "${packages[*]}" ]; then
-  apt=$PWD/$build/apt
-  rm -rf "$sysroot" "$apt/debs"
-  mkdir -p "$apt/state/lists/partial" "$apt/cache/archives/partial" "$apt/debs" "$sysroot"
-  : >"$apt/status"
-  opts=(-qq -o "Dir::State=$apt/state" -o "Dir::State::status=$apt/status"
-        -o "Dir::Cache=$apt/cache" -o "APT::Architecture=$arch" -o "APT::Architectures=$arch"
-        -o Debug::NoLocking=1)
-  # The security suite's ARM index has been seen to fail its size check;
-  # cgicc and gtest come from the main suite, so only the download decides.
-  apt-get "${opts[@]}" update >"$apt/update.log" 2>&1 ||
-    echo "note: the private apt-get update reported errors (see $apt/update.log)" >&2
-  (cd "$apt/debs" && apt-get "${opts[@]}" download "${packages[@]}")
-  for deb in "$apt"/debs/*.deb; do dpkg-deb -x "$deb" "$sysroot"; done
+  rm -rf "$sysroot" "$build/apt/debs"
+  mkdir -p "$sysroot"
+  tools/target-apt.sh "$arch" download "$build/apt/debs" "${packages[@]}"
+  for deb in "$build"/apt/debs/*.deb; do dpkg-deb -x "$deb" "$sysroot"; done
   echo "${packages[*]}" >"$sysroot/.packages"
 fi
 
