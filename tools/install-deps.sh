@@ -6,7 +6,8 @@ set -euo pipefail
 
 packages=(build-essential cmake pkg-config libcgicc-dev googletest libgtest-dev libgmock-dev
           lighttpd lighttpd-mod-openssl openssl curl clang-format util-linux valgrind
-          busybox chromium chromium-driver python3-selenium iproute2)
+          busybox chromium chromium-driver python3-selenium iproute2
+          qemu-system-arm qemu-user kmod cpio e2fsprogs g++-arm-linux-gnueabihf g++-aarch64-linux-gnu)
 
 [ $# -eq 0 ] || packages=("$@")
 missing=()

@@ -46,12 +46,12 @@ def users():
     return "/tmp/users"
 
 
-def request(port, target, headers=None, body=None, user=USER, method=None, cafile=None):
+def request(port, target, headers=None, body=None, user=USER, method=None, cafile=None, timeout=5):
     """One request, over HTTPS if CAFILE (the one trusted): (status, or None if closed with no bytes; headers; body)."""
     auth = {"Authorization": "Basic " + base64.b64encode(":".join(user).encode()).decode()} if user else {}
     form = {"Content-Type": "application/x-www-form-urlencoded"} if body else {}
-    connection = (http.client.HTTPSConnection("127.0.0.1", port, timeout=5, context=ssl.create_default_context(
-        cafile=cafile)) if cafile else http.client.HTTPConnection("127.0.0.1", port, timeout=5))
+    connection = (http.client.HTTPSConnection("127.0.0.1", port, timeout=timeout, context=ssl.create_default_context(
+        cafile=cafile)) if cafile else http.client.HTTPConnection("127.0.0.1", port, timeout=timeout))
     try:
         connection.request(method or ("POST" if body else "GET"), target, body, {**auth, **form, **(headers or {})})
         response = connection.getresponse()

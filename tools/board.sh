@@ -1,0 +1,183 @@
+#!/usr/bin/env bash
+# An emulated ARM board that runs the whole stack the way the appliance does:
+# an ARM kernel under qemu-system, busybox init and syslogd, the daemon
+# simulator as the appliance's daemon, the web server and the program
+# installed from the release archive as INSTALL.md says, and a data
+# partition that keeps the saved configuration and the device's certificate.
+#
+#   tools/board.sh start [armhf|arm64] [--server lighttpd|busybox]
+#   tools/board.sh stop             power off cleanly
+#   tools/board.sh reboot           reboot, and wait until it answers again
+#   tools/board.sh cut              pull the power: qemu killed on the spot
+#   tools/board.sh run 'COMMAND' [SECONDS]   a command on the board's serial console
+#   tools/board.sh status           the console's address, if a board runs
+#
+# Everything listens on 127.0.0.1 only. TZR_BOARD_DIR (build/board by
+# default) holds one board: its data disk, which outlives starts and stops,
+# and its password, ports, console and image.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+state=${TZR_BOARD_DIR:-$PWD/build/board}
+
+die() {
+  echo "board: $*" >&2
+  exit 1
+}
+
+# A qemu that has ended but not been reaped yet has no command line.
+running() {
+  local pid
+  pid=$(cat "$state/qemu.pid" 2>/dev/null) && grep -qa qemu-system "/proc/$pid/cmdline" 2>/dev/null
+}
+
+address() {
+  local server port scheme=https
+  read -r server port <"$state/web"
+  [ "$server" = lighttpd ] || scheme=http
+  echo "$scheme://127.0.0.1:$port/console/  login: admin  password: $(cat "$state/password")"
+}
+
+# The preferred port when it is free, so the address stays the same from one
+# start to the next; any free one otherwise.
+port() {
+  /usr/bin/python3 -c 'import socket, sys
+s = socket.socket()
+try: s.bind(("127.0.0.1", int(sys.argv[1])))
+except OSError: s.bind(("127.0.0.1", 0))
+print(s.getsockname()[1])' "$1"
+}
+
+console() {
+  running || die "no board is running"
+  exec 9>"$state/console.lock"
+  flock 9
+  /usr/bin/python3 tools/board/console.py "$state/console.sock" "$@"
+}
+
+# Boots counted in the console's log: init's script prints a line for each.
+boots() {
+  grep -c '^board: booted' "$state/console.log" 2>/dev/null || true
+}
+
+wait_ready() {
+  local before=$1 deadline=$((SECONDS + 180)) server port scheme=https
+  read -r server port <"$state/web"
+  [ "$server" = lighttpd ] || scheme=http
+  until [ "$(boots)" -gt "$before" ] &&
+    curl -sk -o /dev/null --max-time 5 "$scheme://127.0.0.1:$port/console/"; do
+    running || die "qemu ended during the boot; its console said:$(printf '\n'; tail -n 30 "$state/console.log")"
+    [ $SECONDS -lt $deadline ] || die "the board did not answer within 3 minutes; see $state/console.log"
+    sleep 0.2
+  done
+}
+
+start() {
+  local arch=armhf server=lighttpd
+  while [ $# -gt 0 ]; do
+    case $1 in
+      armhf | arm64) arch=$1 ;;
+      --server) server=${2:-} && shift ;;
+      *) die "usage: tools/board.sh start [armhf|arm64] [--server lighttpd|busybox]" ;;
+    esac
+    shift
+  done
+  case $server in lighttpd | busybox) ;; *) die "--server is lighttpd or busybox" ;; esac
+  running && die "a board is already running: $(address)"
+  local begun=$SECONDS qemu machine flavour
+  case $arch in
+    armhf) qemu=qemu-system-arm machine=(-M virt -cpu cortex-a15) flavour=armmp ;;
+    arm64) qemu=qemu-system-aarch64 machine=(-M virt -cpu cortex-a53) flavour=arm64 ;;
+  esac
+
+  tools/install-deps.sh qemu-system-arm kmod e2fsprogs cpio busybox binutils curl python3 >&2
+  local archive
+  archive=$(tools/build-arm.sh "$arch" --package | tail -n 2 | head -n 1)
+
+  # The board's userland: busybox, lighttpd with the modules the snippets
+  # load, openssl for the certificate, and the libraries they link (named:
+  # letting apt resolve lighttpd against an empty status pulls in systemd and
+  # perl). image.py refuses an image whose programs lack a library.
+  local debs=$PWD/build/$arch/board-debs packages kernel
+  kernel=$(tools/target-apt.sh "$arch" depends "linux-image-$flavour" | grep '^linux-image-')
+  packages=("$kernel" busybox-static lighttpd lighttpd-mod-openssl lighttpd-modules-lua openssl libc6 libcrypt1
+            libnettle8 libpcre2-8-0 libxxhash0 libssl3 liblua5.4-0)
+  if [ "$(cat "$debs/.packages" 2>/dev/null)" != "${packages[*]}" ]; then
+    rm -rf "$debs"
+    tools/target-apt.sh "$arch" download "$debs" "${packages[@]}"
+    echo "${packages[*]}" >"$debs/.packages"
+  fi
+
+  mkdir -p "$state"
+  [ -s "$state/password" ] || head -c 12 /dev/urandom | base64 | tr -d '/+=' >"$state/password"
+  /usr/bin/python3 tools/board/image.py "$archive" "$debs" "build/$arch/tools/cffs-sim" "$server" \
+    "$(cat "$state/password")" "$state/image"
+  if [ ! -e "$state/data.img" ]; then
+    truncate -s 64M "$state/data.img"
+    mkfs.ext4 -q -L data "$state/data.img"
+  fi
+
+  local https http
+  https=$(port 8443) http=$(port 8080)
+  if [ "$server" = lighttpd ]; then echo "lighttpd $https" >"$state/web"; else echo "busybox $http" >"$state/web"; fi
+  rm -f "$state/console.sock" "$state/qemu.pid"
+  local built=$SECONDS
+  "$qemu" "${machine[@]}" -m 256 -smp 1 -nodefaults -no-user-config -display none -monitor none \
+    -kernel "$state/image/kernel" -initrd "$state/image/initrd.gz" \
+    -append "console=ttyAMA0 rdinit=/sbin/init quiet" \
+    -chardev "socket,id=console,path=$state/console.sock,server=on,wait=off,logfile=$state/console.log" \
+    -serial chardev:console \
+    -drive "if=none,id=data,format=raw,file=$state/data.img" -device virtio-blk-device,drive=data \
+    -netdev "user,id=net,hostfwd=tcp:127.0.0.1:$https-:443,hostfwd=tcp:127.0.0.1:$http-:80" \
+    -device virtio-net-device,netdev=net -device virtio-rng-device \
+    -daemonize -pidfile "$state/qemu.pid"
+  wait_ready 0
+  echo "board: $arch with $server, ready in $((SECONDS - begun)) s (boot $((SECONDS - built)) s)"
+  grep -a -o 'tzr4417-certificate: .*Fingerprint=.*' "$state/console.log" | tr -d '\r' || true
+  echo "board: its serial console: tools/board.sh run 'COMMAND'; power off: tools/board.sh stop"
+  address
+}
+
+stop() {
+  running || {
+    echo "board: none is running"
+    return 0
+  }
+  console 20 'poweroff' || true
+  for _ in $(seq 150); do
+    running || break
+    sleep 0.2
+  done
+  if running; then
+    echo "board: it did not power off within 30 s; qemu killed" >&2
+    kill -9 "$(cat "$state/qemu.pid")"
+  fi
+  rm -f "$state/qemu.pid" "$state/console.sock"
+}
+
+case ${1:-} in
+  start) shift && start "$@" ;;
+  stop) stop ;;
+  reboot)
+    before=$(boots)
+    console 20 'reboot'
+    wait_ready "$before"
+    ;;
+  cut)
+    running || die "no board is running"
+    kill -9 "$(cat "$state/qemu.pid")"
+    rm -f "$state/qemu.pid" "$state/console.sock"
+    ;;
+  run)
+    [ $# -ge 2 ] || die "usage: tools/board.sh run 'COMMAND' [SECONDS]"
+    console "${3:-60}" "$2" || {
+      status=$?
+      echo "board: exit status $status" >&2
+      exit $status
+    }
+    ;;
+  status)
+    running || die "no board is running"
+    address
+    ;;
+  *) sed -n '/^#   tools/s/^# *//p' "$0" >&2 && exit 2 ;;
+esac

@@ -1,0 +1,145 @@
+"""The board's boot image: the release archive installed as INSTALL.md says, over a userland of Debian's packages
+for the target (busybox, lighttpd and the libraries they need), the kernel's modules, the daemon simulator standing
+in for the appliance's daemon, and this folder's init scripts; packed as an initramfs.
+
+  image.py ARCHIVE DEBS SIMULATOR SERVER PASSWORD OUT
+
+ARCHIVE is the release .tar.gz, DEBS a folder of the target's .deb files (one kernel among them), SERVER lighttpd or
+busybox, PASSWORD the console's (the guide's user admin). Writes OUT/kernel and OUT/initrd.gz."""
+import os, re, shutil, subprocess, sys, tarfile
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+DEFAULTS = HERE.parent / "appliance-default.conf"
+# The guide's board answers at 192.168.1.10 on its network; this one at its user-mode network's address, and at
+# the host's loopback through qemu's forwards, which is where its users reach it.
+ADDRESSES = "10.0.2.15 127.0.0.1"
+NETWORK = "10.0.2.0/24"  # qemu's user-mode network: forwarded requests come from 10.0.2.2
+MODULES = ["virtio_mmio", "virtio_net", "virtio_blk", "virtio_rng", "ext4", "crc32c_generic"]
+# What an appliance's image leaves out: documentation, locales, device trees (qemu makes its own), lighttpd's
+# own configuration (the guide makes the one the board needs) and the C++ build of Lua, which nothing loads.
+SKIP = re.compile(r"^(usr/share|etc|boot|lib/modules|usr/lib/linux-image-[^/]+|usr/lib/[^/]+/(gconv|audit|liblua5.4-c\+\+.*))(/|$)")
+
+
+def run(*command, **options):
+    return subprocess.run(command, check=True, **options)
+
+
+def guide(unpacked, rootfs, password):
+    """Runs INSTALL.md's build-machine blocks into ROOTFS; returns its on-board commands, in the guide's order."""
+    blocks = re.findall(r"^```sh\n(.*?)^```", (unpacked / "INSTALL.md").read_text(), re.S | re.M)
+    board = [block.splitlines()[-1].replace("192.168.1.10", ADDRESSES) for block in blocks
+             if block.startswith("# On the board")]
+    script = "\n".join(block for block in blocks if not block.startswith("# On the board"))
+    for name, value in {"ROOTFS": rootfs, "PASSWORD": password, "NETWORK": NETWORK}.items():
+        script, count = re.subn(rf"^{name}=.*$", f"{name}='{value}'", script, flags=re.M)
+        if count != 1:
+            sys.exit(f"image: INSTALL.md no longer sets {name} once")
+    run("sh", "-euc", script, cwd=unpacked)
+    return board
+
+
+def userland(debs, rootfs, stage):
+    """Unpacks every package; the kernel goes aside, the rest into ROOTFS less what SKIP names."""
+    for deb in sorted(debs.glob("*.deb")):
+        run("dpkg-deb", "-x", deb, stage)
+    for path in sorted(stage.rglob("*")):
+        relative = path.relative_to(stage).as_posix()
+        if SKIP.match(relative) or path.is_dir() and not path.is_symlink():
+            continue
+        target = rootfs / relative
+        target.parent.mkdir(parents=True, exist_ok=True)
+        if not target.exists():
+            shutil.copy2(path, target, follow_symlinks=False)
+
+
+def modules(stage, rootfs):
+    """The modules the board loads by hand (nothing else would: no udev), with what each needs first, in order."""
+    version = next((stage / "lib/modules").iterdir()).name
+    run("depmod", "-b", stage, version)
+    order = []
+    for module in MODULES:
+        shown = run("modprobe", "-d", stage, "-S", version, "--show-depends", module, capture_output=True,
+                    text=True).stdout.split()
+        order += [path for path in shown if path.endswith(".ko") and path not in order]
+    for path in order:
+        target = rootfs / Path(path).relative_to(stage)
+        target.parent.mkdir(parents=True, exist_ok=True)
+        shutil.copy2(path, target)
+    (rootfs / "etc/modules.list").write_text("".join("/" + str(Path(p).relative_to(stage)) + "\n" for p in order))
+    return next((stage / "boot").glob("vmlinuz-*"))
+
+
+def unmet_needs(rootfs):
+    """Libraries and loaders that an ELF file of ROOTFS asks for and ROOTFS lacks: a board cannot run it."""
+    folders = {path.parent for path in rootfs.rglob("*.so*")} | {rootfs / "lib"}
+    missing = set()
+    for path in rootfs.rglob("*"):
+        if path.is_symlink() or not path.is_file() or path.suffix == ".ko" or path.open("rb").read(4) != b"\x7fELF":
+            continue
+        text = run("readelf", "-dl", path, capture_output=True, text=True).stdout
+        for name in re.findall(r"\(NEEDED\).*\[(.+)\]", text):
+            if not any((folder / name).exists() for folder in folders):
+                missing.add(f"{path.relative_to(rootfs)} needs {name}")
+        for loader in re.findall(r"interpreter: (.+)\]", text):
+            if not (rootfs / loader.lstrip("/")).exists():
+                missing.add(f"{path.relative_to(rootfs)} needs {loader}")
+    return sorted(missing)
+
+
+def main(archive, debs, simulator, server, password, out):
+    out = Path(out).resolve()
+    work = out / "work"
+    shutil.rmtree(work, ignore_errors=True)
+    rootfs, stage, package = work / "rootfs", work / "stage", work / "package"
+    for folder in (rootfs, stage, package):
+        folder.mkdir(parents=True)
+    with tarfile.open(archive) as tar:
+        tar.extractall(package)
+    board = guide(next(package.iterdir()), rootfs, password)
+    commands = {"certificate": next(c for c in board if "certificate" in c),
+                "lighttpd": next(c for c in board if c.startswith("lighttpd")),
+                "busybox": next(c for c in board if "httpd.sh" in c)}
+    userland(Path(debs), rootfs, stage)
+    kernel = modules(stage, rootfs)
+    missing = unmet_needs(rootfs)
+    if missing:
+        sys.exit("image: the board lacks libraries:\n  " + "\n  ".join(missing))
+    for folder in ("proc", "sys", "dev", "tmp", "run", "data", "var/log", "sbin", "usr/bin", "usr/sbin"):
+        (rootfs / folder).mkdir(parents=True, exist_ok=True)
+    run("mknod", "-m", "600", rootfs / "dev/console", "c", "5", "1")  # init's first output, before devtmpfs
+    for link, target in (("bin/sh", "busybox"), ("sbin/init", "../bin/busybox")):
+        os.symlink(target, rootfs / link)
+    shutil.copy2(simulator, rootfs / "usr/sbin/cffs-sim")
+    shutil.copy2(DEFAULTS, rootfs / "etc/appliance-default.conf")
+    for name in ("rcS", "rcK", "inittab"):
+        text = (HERE / name).read_text()
+        for key, command in commands.items():
+            text = text.replace(f"@{key.upper()}@", command)
+        text = text.replace("@SERVER@", commands[server])
+        (rootfs / ("etc/inittab" if name == "inittab" else f"etc/init.d/{name}")).parent.mkdir(exist_ok=True)
+        target = rootfs / ("etc/inittab" if name == "inittab" else f"etc/init.d/{name}")
+        target.write_text(text)
+        target.chmod(0o755)
+    # The guide keeps the device's key in /etc, which this board rebuilds at each start: the data partition
+    # keeps it instead, as the guide advises for an /etc that does not last.
+    tls = rootfs / "etc/lighttpd/tzr4417/tls"
+    tls.parent.mkdir(parents=True, exist_ok=True)
+    os.symlink("/data/tls", tls)
+    files = subprocess.run(["find", ".", "-mindepth", "1"], cwd=rootfs, check=True, capture_output=True).stdout
+    with open(out / "initrd.gz", "wb") as initrd:
+        cpio = subprocess.Popen(["cpio", "-o", "-H", "newc", "--quiet", "-R", "0:0"], cwd=rootfs,
+                                stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        gzip = subprocess.Popen(["gzip", "-6"], stdin=cpio.stdout, stdout=initrd)
+        cpio.stdin.write(files)
+        cpio.stdin.close()
+        if cpio.wait() or gzip.wait():
+            sys.exit("image: cpio or gzip failed")
+    shutil.copy2(kernel, out / "kernel")
+    shutil.rmtree(work)
+
+
+if __name__ == "__main__":
+    if len(sys.argv) != 7 or sys.argv[4] not in ("lighttpd", "busybox"):
+        sys.exit(__doc__)
+    main(*sys.argv[1:])
