@@ -6,6 +6,7 @@
 # partition that keeps the saved configuration and the device's certificate.
 #
 #   tools/board.sh start [armhf|arm64] [--server lighttpd|busybox]
+#   tools/board.sh build [armhf|arm64]   only fetch and build what start needs
 #   tools/board.sh stop             power off cleanly
 #   tools/board.sh reboot           reboot, and wait until it answers again
 #   tools/board.sh cut              pull the power: qemu killed on the spot
@@ -71,6 +72,31 @@ wait_ready() {
   done
 }
 
+# What a board of ARCH needs from the network and the compilers: the
+# target's release archive, kernel and userland. Sets archive and debs.
+prepare() {
+  local arch=$1 flavour
+  case $arch in armhf) flavour=armmp ;; arm64) flavour=arm64 ;; *) die "no board for '$arch': armhf or arm64" ;; esac
+  tools/install-deps.sh qemu-system-arm kmod e2fsprogs cpio busybox binutils curl python3 >&2
+  archive=$(tools/build-arm.sh "$arch" --package | tail -n 2 | head -n 1)
+  [ -f "$archive" ] || die "no release archive for $arch"
+
+  # The board's userland: busybox, lighttpd with the modules the snippets
+  # load, openssl for the certificate, and the libraries they link (named:
+  # letting apt resolve lighttpd against an empty status pulls in systemd and
+  # perl). image.py refuses an image whose programs lack a library.
+  local packages kernel
+  debs=$PWD/build/$arch/board-debs
+  kernel=$(tools/target-apt.sh "$arch" depends "linux-image-$flavour" | grep '^linux-image-')
+  packages=("$kernel" busybox-static lighttpd lighttpd-mod-openssl lighttpd-modules-lua openssl libc6 libcrypt1
+            libnettle8 libpcre2-8-0 libxxhash0 libssl3 liblua5.4-0)
+  if [ "$(cat "$debs/.packages" 2>/dev/null)" != "${packages[*]}" ]; then
+    rm -rf "$debs"
+    tools/target-apt.sh "$arch" download "$debs" "${packages[@]}"
+    echo "${packages[*]}" >"$debs/.packages"
+  fi
+}
+
 start() {
   local arch=armhf server=lighttpd
   while [ $# -gt 0 ]; do
@@ -83,29 +109,12 @@ start() {
   done
   case $server in lighttpd | busybox) ;; *) die "--server is lighttpd or busybox" ;; esac
   running && die "a board is already running: $(address)"
-  local begun=$SECONDS qemu machine flavour
+  local begun=$SECONDS qemu machine archive debs
   case $arch in
-    armhf) qemu=qemu-system-arm machine=(-M virt -cpu cortex-a15) flavour=armmp ;;
-    arm64) qemu=qemu-system-aarch64 machine=(-M virt -cpu cortex-a53) flavour=arm64 ;;
+    armhf) qemu=qemu-system-arm machine=(-M virt -cpu cortex-a15) ;;
+    arm64) qemu=qemu-system-aarch64 machine=(-M virt -cpu cortex-a53) ;;
   esac
-
-  tools/install-deps.sh qemu-system-arm kmod e2fsprogs cpio busybox binutils curl python3 >&2
-  local archive
-  archive=$(tools/build-arm.sh "$arch" --package | tail -n 2 | head -n 1)
-
-  # The board's userland: busybox, lighttpd with the modules the snippets
-  # load, openssl for the certificate, and the libraries they link (named:
-  # letting apt resolve lighttpd against an empty status pulls in systemd and
-  # perl). image.py refuses an image whose programs lack a library.
-  local debs=$PWD/build/$arch/board-debs packages kernel
-  kernel=$(tools/target-apt.sh "$arch" depends "linux-image-$flavour" | grep '^linux-image-')
-  packages=("$kernel" busybox-static lighttpd lighttpd-mod-openssl lighttpd-modules-lua openssl libc6 libcrypt1
-            libnettle8 libpcre2-8-0 libxxhash0 libssl3 liblua5.4-0)
-  if [ "$(cat "$debs/.packages" 2>/dev/null)" != "${packages[*]}" ]; then
-    rm -rf "$debs"
-    tools/target-apt.sh "$arch" download "$debs" "${packages[@]}"
-    echo "${packages[*]}" >"$debs/.packages"
-  fi
+  prepare "$arch"
 
   mkdir -p "$state"
   [ -s "$state/password" ] || head -c 12 /dev/urandom | base64 | tr -d '/+=' >"$state/password"
@@ -156,6 +165,7 @@ stop() {
 
 case ${1:-} in
   start) shift && start "$@" ;;
+  build) prepare "${2:-armhf}" && echo "board: $archive and the board's packages are ready" ;;
   stop) stop ;;
   reboot)
     before=$(boots)

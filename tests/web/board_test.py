@@ -48,10 +48,13 @@ def saved():
 class BoardTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        webenv.isolate("192.0.2.1")  # a /tmp and a loopback of its own: ports and state never meet a developer's
         if shutil.which("qemu-system-arm") is None and subprocess.run(
                 [webenv.sandbox.SRC / "tools/install-deps.sh", "qemu-system-arm"]).returncode:
             raise unittest.SkipTest("qemu-system-arm cannot be installed here: no board")
+        built = board("build", ARCH, seconds=900)  # what needs the mirror, before the network is the test's own
+        if built.returncode:
+            raise AssertionError("the board's parts could not be built: " + built.stdout + built.stderr)
+        webenv.isolate("192.0.2.1")  # a /tmp and a loopback of its own: ports and state never meet a developer's
         cls.start()
 
     @classmethod
