@@ -164,8 +164,16 @@ stop() {
 }
 
 case ${1:-} in
-  start) shift && start "$@" ;;
-  build) prepare "${2:-armhf}" && echo "board: $archive and the board's packages are ready" ;;
+  # Each on a line of its own: set -e does not reach into a function that
+  # runs on the left of && or ||.
+  start)
+    shift
+    start "$@"
+    ;;
+  build)
+    prepare "${2:-armhf}"
+    echo "board: $archive and the board's packages are ready"
+    ;;
   stop) stop ;;
   reboot)
     before=$(boots)
@@ -179,11 +187,10 @@ case ${1:-} in
     ;;
   run)
     [ $# -ge 2 ] || die "usage: tools/board.sh run 'COMMAND' [SECONDS]"
-    console "${3:-60}" "$2" || {
-      status=$?
-      echo "board: exit status $status" >&2
-      exit $status
-    }
+    status=0
+    console "${3:-60}" "$2" || status=$?
+    [ $status -eq 0 ] || echo "board: exit status $status" >&2
+    exit $status
     ;;
   status)
     running || die "no board is running"

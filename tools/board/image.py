@@ -39,24 +39,35 @@ def guide(unpacked, rootfs, password):
     return board
 
 
-def userland(debs, rootfs, stage):
-    """Unpacks every package; the kernel goes aside, the rest into ROOTFS less what SKIP names."""
-    for deb in sorted(debs.glob("*.deb")):
-        run("dpkg-deb", "-x", deb, stage)
-    for path in sorted(stage.rglob("*")):
-        relative = path.relative_to(stage).as_posix()
-        if SKIP.match(relative) or path.is_dir() and not path.is_symlink():
-            continue
-        target = rootfs / relative
-        target.parent.mkdir(parents=True, exist_ok=True)
-        if not target.exists():
-            shutil.copy2(path, target, follow_symlinks=False)
+def unpack(debs):
+    """Every package unpacked once into DEBS/unpacked (the kernel's alone is 43 MB), its modules' index made."""
+    stage = debs / "unpacked"
+    if not (stage / ".done").exists():
+        shutil.rmtree(stage, ignore_errors=True)
+        for deb in sorted(debs.glob("*.deb")):
+            run("dpkg-deb", "-x", deb, stage)
+        run("depmod", "-b", stage, next((stage / "lib/modules").iterdir()).name)
+        (stage / ".done").touch()
+    return stage
+
+
+def userland(stage, rootfs):
+    """The packages into ROOTFS, less what SKIP names."""
+    for folder, subfolders, files in os.walk(stage):
+        base = Path(folder).relative_to(stage)
+        subfolders[:] = [name for name in subfolders if not SKIP.match((base / name).as_posix())]
+        for name in files + [name for name in subfolders if Path(folder, name).is_symlink()]:
+            relative = (base / name).as_posix()
+            if SKIP.match(relative) or relative == ".done":
+                continue
+            (rootfs / base).mkdir(parents=True, exist_ok=True)
+            if not (rootfs / relative).exists():
+                shutil.copy2(stage / relative, rootfs / relative, follow_symlinks=False)
 
 
 def modules(stage, rootfs):
     """The modules the board loads by hand (nothing else would: no udev), with what each needs first, in order."""
     version = next((stage / "lib/modules").iterdir()).name
-    run("depmod", "-b", stage, version)
     order = []
     for module in MODULES:
         shown = run("modprobe", "-d", stage, "-S", version, "--show-depends", module, capture_output=True,
@@ -91,8 +102,8 @@ def main(archive, debs, simulator, server, password, out):
     out = Path(out).resolve()
     work = out / "work"
     shutil.rmtree(work, ignore_errors=True)
-    rootfs, stage, package = work / "rootfs", work / "stage", work / "package"
-    for folder in (rootfs, stage, package):
+    rootfs, package = work / "rootfs", work / "package"
+    for folder in (rootfs, package):
         folder.mkdir(parents=True)
     with tarfile.open(archive) as tar:
         tar.extractall(package)
@@ -100,7 +111,8 @@ def main(archive, debs, simulator, server, password, out):
     commands = {"certificate": next(c for c in board if "certificate" in c),
                 "lighttpd": next(c for c in board if c.startswith("lighttpd")),
                 "busybox": next(c for c in board if "httpd.sh" in c)}
-    userland(Path(debs), rootfs, stage)
+    stage = unpack(Path(debs).resolve())
+    userland(stage, rootfs)
     kernel = modules(stage, rootfs)
     missing = unmet_needs(rootfs)
     if missing:
