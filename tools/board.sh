@@ -55,6 +55,10 @@ console() {
   /usr/bin/python3 tools/board/console.py "$state/console.sock" "$@"
 }
 
+since() {
+  awk -v from="$1" -v to="$EPOCHREALTIME" 'BEGIN { printf "%.1f", to - from }'
+}
+
 # Boots counted in the console's log: init's script prints a line for each.
 boots() {
   grep -c '^board: booted' "$state/console.log" 2>/dev/null || true
@@ -109,7 +113,7 @@ start() {
   done
   case $server in lighttpd | busybox) ;; *) die "--server is lighttpd or busybox" ;; esac
   running && die "a board is already running: $(address)"
-  local begun=$SECONDS qemu machine archive debs
+  local begun=$EPOCHREALTIME qemu machine archive debs
   case $arch in
     armhf) qemu=qemu-system-arm machine=(-M virt -cpu cortex-a15) ;;
     arm64) qemu=qemu-system-aarch64 machine=(-M virt -cpu cortex-a53) ;;
@@ -129,7 +133,7 @@ start() {
   https=$(port 8443) http=$(port 8080)
   if [ "$server" = lighttpd ]; then echo "lighttpd $https" >"$state/web"; else echo "busybox $http" >"$state/web"; fi
   rm -f "$state/console.sock" "$state/qemu.pid"
-  local built=$SECONDS
+  local booted=$EPOCHREALTIME
   "$qemu" "${machine[@]}" -m 256 -smp 1 -nodefaults -no-user-config -display none -monitor none \
     -kernel "$state/image/kernel" -initrd "$state/image/initrd.gz" \
     -append "console=ttyAMA0 rdinit=/sbin/init quiet" \
@@ -140,7 +144,7 @@ start() {
     -device virtio-net-device,netdev=net -device virtio-rng-device \
     -daemonize -pidfile "$state/qemu.pid"
   wait_ready 0
-  echo "board: $arch with $server, ready in $((SECONDS - begun)) s (boot $((SECONDS - built)) s)"
+  echo "board: $arch with $server, ready in $(since "$begun") s, of which the boot $(since "$booted") s"
   grep -a -o 'tzr4417-certificate: .*Fingerprint=.*' "$state/console.log" | tr -d '\r' || true
   echo "board: its serial console: tools/board.sh run 'COMMAND'; power off: tools/board.sh stop"
   address
