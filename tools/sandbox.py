@@ -158,15 +158,16 @@ def lighttpd(config, port, extra=(), www="/tmp/www", bind="127.0.0.1", **setting
     return serve(["lighttpd", "-D", "-f", "/tmp/lighttpd.conf"], port)
 
 
-def md5_crypt(password):
-    return subprocess.run(["busybox", "httpd", "-m", password], capture_output=True, text=True,
+def sha512_crypt(password):
+    """A users file's hash, as INSTALL.md makes it: lighttpd and busybox httpd both take it."""
+    return subprocess.run(["openssl", "passwd", "-6", password], capture_output=True, text=True,
                           check=True).stdout.strip()
 
 
-def busybox(port, password, www="/tmp/www"):
-    """busybox httpd with the shipped httpd.conf, letting in 127.0.0.1."""
+def busybox(port, password, www="/tmp/www", networks=("127.0.0.1",)):
+    """busybox httpd with the shipped httpd.conf, letting in NETWORKS."""
     text = (SRC / "web/servers/busybox/httpd.conf").read_text()
-    text = text.replace("@ALLOWED_NETWORK@", "127.0.0.1").replace("@PASSWORD_HASH@", md5_crypt(password))
+    text = text.replace("@ALLOWED_NETWORK@", "\nA:".join(networks)).replace("@PASSWORD_HASH@", sha512_crypt(password))
     Path("/tmp/httpd.conf").write_text(text)
     return serve([SRC / "web/servers/busybox/httpd.sh", f"127.0.0.1:{port}", www, "/tmp/httpd.conf"], port)
 
