@@ -137,15 +137,16 @@ class ServerTest(unittest.TestCase):
         server = webenv.sandbox.serve(["lighttpd", "-D", "-f", "/tmp/unbounded.conf"], port)
         self.addCleanup(server.terminate)
         auth = "Authorization: Basic " + base64.b64encode(":".join(USER).encode()).decode()
-        rates = collections.defaultdict(list)
-        for round in range(5):  # each first in turn: the machine is shared
-            for bounds, at in [(True, self.port), (False, port)][::1 - round % 2 * 2]:
-                out = subprocess.run(["wrk", "-t1", "-c4", "-d2s", "-H", auth, f"http://127.0.0.1:{at}{READ}"],
-                                     capture_output=True, text=True).stdout
-                self.assertNotIn("Non-2xx", out)
-                rates[bounds].append(float(re.search(r"Requests/sec:\s*([\d.]+)", out).group(1)))
-        ratio = statistics.median(rates[True]) / statistics.median(rates[False])
-        print(f"valid reads through lighttpd, with the bounds against without: {ratio:.2f}", rates, file=sys.stderr)
+        ratios = []
+        for _ in range(3):  # both at once, so that whatever else loads the machine loads both
+            runs = {at: subprocess.Popen(["wrk", "-t1", "-c4", "-d3s", "-H", auth, f"http://127.0.0.1:{at}{READ}"],
+                                         stdout=subprocess.PIPE, text=True) for at in (self.port, port)}
+            outs = {at: run.communicate()[0] for at, run in runs.items()}
+            self.assertNotIn("Non-2xx", "".join(outs.values()))
+            rates = {at: float(re.search(r"Requests/sec:\s*([\d.]+)", out).group(1)) for at, out in outs.items()}
+            ratios.append(rates[self.port] / rates[port])
+        ratio = statistics.median(ratios)
+        print(f"valid reads through lighttpd, with the bounds against without: {ratio:.2f}", ratios, file=sys.stderr)
         self.assertGreaterEqual(ratio, 0.90)
 
     def test_write_replies_before_the_child_is_done(self):

@@ -26,110 +26,132 @@
 -- lighttpd forgets it. TZR4417_LOGIN_WINDOW in lighttpd's environment sets
 -- the window in seconds, for tests; a day is 24 windows.
 
-local r = lighty.r
-local now = lighty.c.time()
-local PER_SOURCE, PER_ACCOUNT = 100, 50
-
+-- Everything but the two lines at the end runs once, when the first request
+-- loads the script (or lighttpd reloads it after a change): a valid request
+-- pays for a few table lookups.
 local state = package.loaded["tzr4417-login"]
 if not state then
+  local PER_SOURCE, PER_ACCOUNT = 100, 50
   local window = tonumber(os.getenv("TZR4417_LOGIN_WINDOW")) or 3600
-  state = { window = window, day = 24 * window, swept = now, sources = {}, accounts = {}, trusted = {} }
-  package.loaded["tzr4417-login"] = state
-end
+  local day = 24 * window
+  local sources, accounts, trusted, names = {}, {}, {}, {}
+  local named, swept = 0, 0
 
--- The times of LIST's checks still in the window, oldest first; drops the
--- others (all of them if the clock was set back past the newest).
-local function recent(list)
-  local n = list and #list or 0
-  if n > 0 and list[n] > now then
-    for i = 1, n do list[i] = nil end
-    return 0
+  -- The times of LIST's checks still in the window at NOW, oldest first;
+  -- drops the others (all of them if the clock was set back past the newest).
+  local function recent(list, now)
+    local n = list and #list or 0
+    if n > 0 and list[n] > now then
+      for i = 1, n do list[i] = nil end
+      return 0
+    end
+    local gone = 0
+    while gone < n and list[gone + 1] <= now - window do gone = gone + 1 end
+    if gone > 0 then
+      table.move(list, gone + 1, n, 1)
+      for i = n - gone + 1, n do list[i] = nil end
+    end
+    return n - gone
   end
-  local gone = 0
-  while gone < n and list[gone + 1] <= now - state.window do gone = gone + 1 end
-  if gone > 0 then
-    table.move(list, gone + 1, n, 1)
-    for i = n - gone + 1, n do list[i] = nil end
+
+  local function count(map, key, now)
+    local list = map[key]
+    if not list then
+      list = {}
+      map[key] = list
+    end
+    list[#list + 1] = now
   end
-  return n - gone
-end
 
-local function count(map, key)
-  local list = map[key]
-  if not list then
-    list = {}
-    map[key] = list
+  local function take_back(list)
+    if list then list[#list] = nil end
   end
-  list[#list + 1] = now
-end
 
-local function take_back(list)
-  if list then list[#list] = nil end
-end
-
--- The key of a source address: IPv4 as it is, IPv6 by its /64.
-local function source_of(address)
-  if not address:find(":", 1, true) then return address end
-  local mapped = address:match("^::ffff:(%d+%.%d+%.%d+%.%d+)$")
-  if mapped then return mapped end
-  address = address:gsub("%%.*", "")
-  local head, tail = address:match("^(.-)::(.*)$")
-  local groups = {}
-  for group in (head or address):gmatch("[^:]+") do groups[#groups + 1] = group end
-  if head then
-    local right = {}
-    for group in tail:gmatch("[^:]+") do right[#right + 1] = group end
-    for _ = #groups + #right + 1, 8 do groups[#groups + 1] = "0" end
-    for _, group in ipairs(right) do groups[#groups + 1] = group end
+  -- The key of a source address: IPv4 as it is, IPv6 by its /64.
+  local function source_of(address)
+    if not address:find(":", 1, true) then return address end
+    local mapped = address:match("^::ffff:(%d+%.%d+%.%d+%.%d+)$")
+    if mapped then return mapped end
+    address = address:gsub("%%.*", "")
+    local head, tail = address:match("^(.-)::(.*)$")
+    local groups = {}
+    for group in (head or address):gmatch("[^:]+") do groups[#groups + 1] = group end
+    if head then
+      local right = {}
+      for group in tail:gmatch("[^:]+") do right[#right + 1] = group end
+      for _ = #groups + #right + 1, 8 do groups[#groups + 1] = "0" end
+      for _, group in ipairs(right) do groups[#groups + 1] = group end
+    end
+    return table.concat(groups, ":", 1, 4) .. "::/64"
   end
-  return table.concat(groups, ":", 1, 4) .. "::/64"
-end
 
--- Once a window, forget the sources and accounts with no check left in
--- it and the logins older than a day.
-local function sweep()
-  state.swept = now
-  for _, map in ipairs({ state.sources, state.accounts }) do
-    for key, list in pairs(map) do
-      if recent(list) == 0 then map[key] = nil end
+  -- The account a basic Authorization header names (false if none),
+  -- decoded once per header a browser keeps sending; a guesser's new ones
+  -- empty the memo now and then.
+  local function account_of(credentials)
+    local user = names[credentials]
+    if user == nil then
+      local decoded = lighty.c.b64dec(credentials:match("^[Bb]asic%s+(%S+)") or "")
+      user = decoded and decoded:match("^[^:]*") or false
+      if named >= 1000 then names, named = {}, 0 end
+      names[credentials], named = user, named + 1
+    end
+    return user
+  end
+
+  -- Once a window, forget the sources and accounts with no check left in
+  -- it and the logins older than a day.
+  local function sweep(now)
+    swept = now
+    for _, map in ipairs({ sources, accounts }) do
+      for key, list in pairs(map) do
+        if recent(list, now) == 0 then map[key] = nil end
+      end
+    end
+    for key, at in pairs(trusted) do
+      if now - at >= day or at > now then trusted[key] = nil end
     end
   end
-  for key, at in pairs(state.trusted) do
-    if now - at >= state.day or at > now then state.trusted[key] = nil end
-  end
-end
 
-local source = source_of(r.req_attr["request.remote-addr"])
-local credentials = r.req_header["Authorization"]
-local user = credentials and lighty.c.b64dec(credentials:match("^[Bb]asic%s+(%S+)") or "")
-user = user and user:match("^[^:]*")
-local login = user and user .. "\n" .. source
-local at = login and state.trusted[login]
-local trusted = at and now - at < state.day and at <= now
-local status = r.req_item.http_status
+  -- The gate before mod_auth (status 0), and the count when the answer
+  -- starts: lighttpd's status for the request, or 429 to refuse it.
+  local function run(r, now)
+    local status = r.req_item.http_status
+    local credentials = r.req_header["Authorization"]
+    if status ~= 0 and (not credentials or status == 401 or status == 429) then return 0 end
+    local source = source_of(r.req_attr["request.remote-addr"])
+    local user = credentials and account_of(credentials)
+    local login = user and user .. "\n" .. source
+    local at = login and trusted[login]
+    local known = at and now - at < day and at <= now
+    if status ~= 0 then -- a check that did not fail, or never ran
+      take_back(sources[source])
+      if user and not known then take_back(accounts[user]) end
+      if user and r.req_env["REMOTE_USER"] == user then trusted[login] = now end
+      return 0
+    end
+    if now - swept >= window then sweep(now) end
+    local full = nil
+    if recent(sources[source], now) >= PER_SOURCE then
+      full = sources[source]
+    elseif user and not known and recent(accounts[user], now) >= PER_ACCOUNT then
+      full = accounts[user]
+    end
+    if full then
+      -- With a body of its own, lighttpd keeps these headers.
+      r.resp_header["Retry-After"] = tostring(math.max(1, full[1] + window - now))
+      r.resp_header["Content-Type"] = "text/plain; charset=utf-8"
+      r.resp_body.set({ "Too many failed logins: try again later.\n" })
+      return 429
+    end
+    if credentials then
+      count(sources, source, now)
+      if user and not known then count(accounts, user, now) end
+    end
+    return 0
+  end
 
-if status == 0 then -- the gate
-  if now - state.swept >= state.window then sweep() end
-  local full = nil
-  if recent(state.sources[source]) >= PER_SOURCE then
-    full = state.sources[source]
-  elseif user and not trusted and recent(state.accounts[user]) >= PER_ACCOUNT then
-    full = state.accounts[user]
-  end
-  if full then
-    -- With a body of its own, lighttpd keeps these headers.
-    r.resp_header["Retry-After"] = tostring(math.max(1, full[1] + state.window - now))
-    r.resp_header["Content-Type"] = "text/plain; charset=utf-8"
-    r.resp_body.set({ "Too many failed logins: try again later.\n" })
-    return 429
-  end
-  if credentials then
-    count(state.sources, source)
-    if user and not trusted then count(state.accounts, user) end
-  end
-elseif credentials and status ~= 401 and status ~= 429 then -- a check that did not fail, or never ran
-  take_back(state.sources[source])
-  if user and not trusted then take_back(state.accounts[user]) end
-  if user and r.req_env["REMOTE_USER"] == user then state.trusted[login] = now end
+  state = { run = run }
+  package.loaded["tzr4417-login"] = state
 end
-return 0
+return state.run(lighty.r, lighty.c.time())
