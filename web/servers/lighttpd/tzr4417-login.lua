@@ -85,13 +85,13 @@ if not state then
     return table.concat(groups, ":", 1, 4) .. "::/64"
   end
 
-  -- The account a basic Authorization header names (false if none),
-  -- decoded once per header a browser keeps sending; a guesser's new ones
-  -- empty the memo now and then.
+  -- The account a basic Authorization header names (false if none), read
+  -- as mod_auth reads it (any case, any blanks); decoded once per header a
+  -- browser keeps sending, while a guesser's new ones empty the memo.
   local function account_of(credentials)
     local user = names[credentials]
     if user == nil then
-      local decoded = lighty.c.b64dec(credentials:match("^[Bb]asic%s+(%S+)") or "")
+      local decoded = lighty.c.b64dec(credentials:match("^[Bb][Aa][Ss][Ii][Cc]%s+(%S+)") or "")
       user = decoded and decoded:match("^[^:]*") or false
       if named >= 1000 then names, named = {}, 0 end
       names[credentials], named = user, named + 1
@@ -119,7 +119,7 @@ if not state then
     local status = r.req_item.http_status
     local credentials = r.req_header["Authorization"]
     if status ~= 0 and (not credentials or status == 401 or status == 429) then return 0 end
-    local source = source_of(r.req_attr["request.remote-addr"])
+    local source = source_of(r.req_attr["request.remote-addr"] or "")
     local user = credentials and account_of(credentials)
     local login = user and user .. "\n" .. source
     local at = login and trusted[login]
