@@ -117,7 +117,8 @@ class ServerTest(unittest.TestCase):
             self.assertTrue(status != 429 or 0 < int(got["Retry-After"]) <= WINDOW, got)
             return status
 
-        with concurrent.futures.ThreadPoolExecutor(200) as pool:
+        # busybox httpd queues 9 connections (its listen backlog) and has no bound that they could overshoot.
+        with concurrent.futures.ThreadPoolExecutor(8 if SERVER == "busybox" else 200) as pool:
             for name, sources, tries, user, password, target, *expected in GUESSES:
                 with self.subTest(name):
                     if name.startswith("after the window") and SERVER != "busybox":
@@ -131,22 +132,25 @@ class ServerTest(unittest.TestCase):
 
     @unittest.skipUnless(SERVER == "lighttpd", "one server's cost is enough")
     def test_the_bounds_cost_a_valid_request_nothing(self):
-        # The same configuration without the bounds, on a port of its own; wrk as bench/run.sh runs it.
-        port = webenv.free_port()
-        conf = Path("/tmp/lighttpd.conf").read_text().replace(f"= {self.port}\n", f"= {port}\n")
-        unbound = "magnet.attract-raw-url-to = ()\nmagnet.attract-response-start-to = ()"
-        Path("/tmp/unbounded.conf").write_text(f'{conf}\n$HTTP["url"] =^ "/cgi-bin/tzr4417.cgi" {{\n{unbound}\n}}\n')
-        server = webenv.sandbox.serve(["lighttpd", "-D", "-f", "/tmp/unbounded.conf"], port)
-        self.addCleanup(server.terminate)
+        # Two new servers, alike but for the bounds (a server's past changes what its forks cost); wrk as
+        # bench/run.sh runs it.
+        unbound = '$HTTP["url"] =^ "/cgi-bin/tzr4417.cgi" {\nmagnet.attract-raw-url-to = ()\n' \
+                  "magnet.attract-response-start-to = ()\n}"
+        ports = []
+        for name, more in ("bounded", ""), ("unbounded", unbound):
+            ports.append(webenv.free_port())
+            conf = Path("/tmp/lighttpd.conf").read_text().replace(f"= {self.port}\n", f"= {ports[-1]}\n")
+            Path(f"/tmp/{name}.conf").write_text(f"{conf}\n{more}\n")
+            self.addCleanup(webenv.sandbox.serve(["lighttpd", "-D", "-f", f"/tmp/{name}.conf"], ports[-1]).terminate)
         auth = "Authorization: Basic " + base64.b64encode(":".join(USER).encode()).decode()
         ratios = []
         for _ in range(3):  # both at once, so that whatever else loads the machine loads both
-            runs = {at: subprocess.Popen(["wrk", "-t1", "-c4", "-d3s", "-H", auth, f"http://127.0.0.1:{at}{READ}"],
-                                         stdout=subprocess.PIPE, text=True) for at in (self.port, port)}
-            outs = {at: run.communicate()[0] for at, run in runs.items()}
-            self.assertNotIn("Non-2xx", "".join(outs.values()))
-            rates = {at: float(re.search(r"Requests/sec:\s*([\d.]+)", out).group(1)) for at, out in outs.items()}
-            ratios.append(rates[self.port] / rates[port])
+            runs = [subprocess.Popen(["wrk", "-t1", "-c4", "-d3s", "-H", auth, f"http://127.0.0.1:{at}{READ}"],
+                                     stdout=subprocess.PIPE, text=True) for at in ports]
+            outs = [run.communicate()[0] for run in runs]
+            self.assertNotIn("Non-2xx", "".join(outs))
+            bounded, unbounded = (float(re.search(r"Requests/sec:\s*([\d.]+)", out).group(1)) for out in outs)
+            ratios.append(bounded / unbounded)
         ratio = statistics.median(ratios)
         print(f"valid reads through lighttpd, with the bounds against without: {ratio:.2f}", ratios, file=sys.stderr)
         self.assertGreaterEqual(ratio, 0.90)
