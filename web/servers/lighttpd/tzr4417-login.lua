@@ -108,8 +108,11 @@ if not state then
         if recent(list, now) == 0 then map[key] = nil end
       end
     end
-    for key, at in pairs(trusted) do
-      if now - at >= day or at > now then trusted[key] = nil end
+    for user, logins in pairs(trusted) do
+      for source, at in pairs(logins) do
+        if now - at >= day or at > now then logins[source] = nil end
+      end
+      if next(logins) == nil then trusted[user] = nil end
     end
   end
 
@@ -121,13 +124,20 @@ if not state then
     if status ~= 0 and (not credentials or status == 401 or status == 429) then return 0 end
     local source = source_of(r.req_attr["request.remote-addr"] or "")
     local user = credentials and account_of(credentials)
-    local login = user and user .. "\n" .. source
-    local at = login and trusted[login]
+    local logins = user and trusted[user]
+    local at = logins and logins[source]
     local known = at and now - at < day and at <= now
     if status ~= 0 then -- a check that did not fail, or never ran
       take_back(sources[source])
       if user and not known then take_back(accounts[user]) end
-      if user and r.req_env["REMOTE_USER"] == user then trusted[login] = now end
+      -- A login renews the source's day at most once a minute.
+      if user and not (known and now - at < 60) and r.req_env["REMOTE_USER"] == user then
+        if not logins then
+          logins = {}
+          trusted[user] = logins
+        end
+        logins[source] = now
+      end
       return 0
     end
     if now - swept >= window then sweep(now) end
