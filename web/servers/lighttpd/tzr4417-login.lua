@@ -17,7 +17,7 @@
 -- most on one account in an hour; 50 keeps many hosts together to half of
 -- it and leaves the rest to the owner's own typos. lighttpd answers a wrong
 -- password after a second, per connection: without the bounds one host
--- with 200 connections tries some 600,000 passwords an hour.
+-- with 200 connections tried some 700,000 passwords an hour (README).
 --
 -- A check counts from the moment the gate lets it through, so connections
 -- in flight cannot overshoot a bound; one that does not fail takes its count
@@ -26,9 +26,10 @@
 -- lighttpd forgets it. TZR4417_LOGIN_WINDOW in lighttpd's environment sets
 -- the window in seconds, for tests; a day is 24 windows.
 
--- Everything but the two lines at the end runs once, when the first request
--- loads the script (or lighttpd reloads it after a change): a valid request
--- pays for a few table lookups.
+-- Everything but the last line runs once, at the first request: a valid
+-- request pays for a few table lookups. lighttpd reloads a changed script
+-- into the same Lua state, where the first version's functions stay in
+-- package.loaded: restart lighttpd after changing this file.
 local state = package.loaded["tzr4417-login"]
 if not state then
   local PER_SOURCE, PER_ACCOUNT = 100, 50
