@@ -176,11 +176,10 @@ def wrk_rates(programs, query, rounds, seconds):
         rates = {name: [] for name in programs}
         for r in range(rounds):
             for name in (list(programs) if r % 2 == 0 else list(reversed(programs))):
-                out = run("wrk", "-t1", "-c4", f"-d{seconds}s", urls[name],
-                          capture_output=True, text=True).stdout
-                if "Non-2xx" in out or "Socket errors" in out:
-                    sys.exit(f"wrk saw errors for {name}:\n{out}")
-                rates[name].append(float(re.search(r"Requests/sec:\s*([\d.]+)", out).group(1)))
+                rate = sandbox.wrk(urls[name], seconds)()
+                if rate is None:
+                    sys.exit(f"wrk saw errors for {name}")
+                rates[name].append(rate)
         return {name: statistics.median(r) for name, r in rates.items()}
     finally:
         server.terminate()

@@ -16,6 +16,7 @@ emulates. COMMAND finds TZR_SANDBOX set.
 import contextlib
 import ctypes
 import os
+import re
 import shutil
 import signal
 import socket
@@ -145,28 +146,44 @@ def serve(command, port):
     return proc
 
 
-def lighttpd(config, port, extra=(), www="/tmp/www", bind="127.0.0.1", **settings):
+def lighttpd(config, port, extra=(), www="/tmp/www", bind="127.0.0.1", after=(), path="/tmp/lighttpd.conf",
+             **settings):
     """lighttpd on BIND:PORT (127.0.0.1 or all addresses, 0.0.0.0) with a shipped
     CONFIG from web/servers/lighttpd, included as an integrator would: their
-    settings first."""
+    settings first, the lines AFTER last. Its configuration file is PATH."""
     settings = {"tzr4417_dir": SRC / "web/servers/lighttpd", "tzr4417_www": www, **settings}
     lines = [*extra, *(f'var.{name} = "{value}"' for name, value in settings.items()),
              f"var.tzr4417_port = {port}", 'server.errorlog = "/tmp/server.log"']
     if config != "demo.conf":  # the appliance's snippets leave these to lighttpd.conf
         lines += [f'server.document-root = "{www}"', f'server.bind = "{bind}"', f"server.port = {port}"]
-    Path("/tmp/lighttpd.conf").write_text("\n".join(lines + [f'include var.tzr4417_dir + "/{config}"']))
-    return serve(["lighttpd", "-D", "-f", "/tmp/lighttpd.conf"], port)
+    Path(path).write_text("\n".join(lines + [f'include var.tzr4417_dir + "/{config}"', *after]))
+    return serve(["lighttpd", "-D", "-f", path], port)
 
 
-def md5_crypt(password):
-    return subprocess.run(["busybox", "httpd", "-m", password], capture_output=True, text=True,
+def wrk(url, seconds, *options):
+    """Starts wrk -t1 -c4 on URL for SECONDS; the function returned waits for it and gives its requests a
+    second, or None if an answer was not 2xx or 3xx or a socket failed."""
+    run = subprocess.Popen(["wrk", "-t1", "-c4", f"-d{seconds}s", *options, url], stdout=subprocess.PIPE,
+                           text=True)
+
+    def rate():
+        out = run.communicate()[0]
+        if "Non-2xx" in out or "Socket errors" in out:
+            return None
+        return float(re.search(r"Requests/sec:\s*([\d.]+)", out).group(1))
+    return rate
+
+
+def sha512_crypt(password):
+    """A users file's hash, as INSTALL.md makes it: lighttpd and busybox httpd both take it."""
+    return subprocess.run(["openssl", "passwd", "-6", password], capture_output=True, text=True,
                           check=True).stdout.strip()
 
 
-def busybox(port, password, www="/tmp/www"):
-    """busybox httpd with the shipped httpd.conf, letting in 127.0.0.1."""
+def busybox(port, password, www="/tmp/www", networks=("127.0.0.1",)):
+    """busybox httpd with the shipped httpd.conf, letting in NETWORKS."""
     text = (SRC / "web/servers/busybox/httpd.conf").read_text()
-    text = text.replace("@ALLOWED_NETWORK@", "127.0.0.1").replace("@PASSWORD_HASH@", md5_crypt(password))
+    text = text.replace("@ALLOWED_NETWORK@", "\nA:".join(networks)).replace("@PASSWORD_HASH@", sha512_crypt(password))
     Path("/tmp/httpd.conf").write_text(text)
     return serve([SRC / "web/servers/busybox/httpd.sh", f"127.0.0.1:{port}", www, "/tmp/httpd.conf"], port)
 

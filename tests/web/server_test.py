@@ -1,6 +1,7 @@
 """tzr4417.cgi behind a real web server with the shipped configuration.
 argv: CGI SIMULATOR lighttpd|https|busybox (https: lighttpd's HTTPS snippet, on 443, its redirect on 80)"""
-import contextlib, functools, json, os, signal, subprocess, sys, threading, time, unittest
+import base64, collections, concurrent.futures, contextlib, functools, json, os, signal, statistics, subprocess
+import sys, threading, time, unittest
 from pathlib import Path
 import webenv
 from webenv import HEADER, IP, PROGRAM, USER, request
@@ -47,6 +48,27 @@ CASES = [
     ("console page",          "/console/",          {},                        None,         None,    200, 200),
 ]
 
+WINDOW = 15  # seconds, for the login bounds in lighttpd; each step below takes one or two
+OWNER, HOST, NEW = "192.0.2.11", "192.0.2.12", "192.0.2.13"
+HOSTS = [f"192.0.2.{100 + i}" for i in range(20)]
+UNBOUND = ('$HTTP["url"] =^ "/cgi-bin/tzr4417.cgi" { magnet.attract-raw-url-to = () '
+           "magnet.attract-response-start-to = () }")  # a condition of its own, applied after the snippet's
+# Guessing at the password, step by step, every try of a step at once (200 connections), from addresses of the
+# test's own network: how many tries got each status. A user None guesses at a name of its own per try. The owner
+# logged in first, so lighttpd keeps letting them in; the last steps come once the window has passed.
+GUESSES = [
+    # name,                            from,    tries, user,    password, target, lighttpd,            busybox
+    ("the owner logs in",              [OWNER], 1,     "admin", "s3cret", READ,  {200: 1},             {200: 1}),
+    ("20 hosts guess at one account",  HOSTS,   10,    "admin", "wrong",  READ,  {401: 50, 429: 150},  {401: 200}),
+    ("one host, 200 accounts",         [HOST],  200,   None,    "wrong",  READ,  {401: 100, 429: 100}, {401: 200}),
+    ("that host, the password",        [HOST],  1,     "admin", "s3cret", READ,  {429: 1},             {200: 1}),
+    ("a new host, the password",       [NEW],   1,     "admin", "s3cret", READ,  {429: 1},             {200: 1}),
+    ("the owner mistypes",             [OWNER], 1,     "admin", "wrong",  READ,  {401: 1},             {401: 1}),
+    ("the owner writes",               [OWNER], 1,     "admin", "s3cret", WRITE, {200: 1},             {200: 1}),
+    ("after the window, that host",    [HOST],  1,     "admin", "s3cret", READ,  {200: 1},             {200: 1}),
+    ("after the window, a new host",   [NEW],   1,     "admin", "s3cret", READ,  {200: 1},             {200: 1}),
+]
+
 
 def programs():
     """Our descendants that run the program."""
@@ -62,8 +84,10 @@ class ServerTest(unittest.TestCase):
         webenv.isolate("192.0.2.10")  # a network of its own: 80 and 443 are free
         cls.sim = webenv.simulator(*SLOW_APPLY)
         cls.port = 443 if CAFILE else webenv.free_port()
+        list(map(webenv.add_address, [OWNER, HOST, NEW, *HOSTS]))
+        os.environ["TZR4417_LOGIN_WINDOW"] = str(WINDOW)
         if SERVER == "busybox":
-            webenv.sandbox.busybox(cls.port, USER[1])
+            webenv.sandbox.busybox(cls.port, USER[1], networks=("127.0.0.1", "192.0.2.0/24"))
         else:
             webenv.certificate("encoder", "127.0.0.1")
             webenv.lighttpd("tzr4417-https.conf" if CAFILE else "tzr4417.conf", 80 if CAFILE else cls.port,
@@ -87,6 +111,43 @@ class ServerTest(unittest.TestCase):
                     self.assertRegex(got["Content-Type"], "^text/html")
                 elif status != 400:
                     self.assertEqual(self.sim.connections() > before, status == 200, "daemon contacted?")
+
+    def test_guessing_is_bounded(self):
+        def one(source, user, password, target, scheme="Basic"):  # mod_auth takes any case
+            basic = f"{scheme} " + base64.b64encode(f"{user}:{password}".encode()).decode()
+            status, got, _ = ask(self.port, target, {**HEADER, "Authorization": basic}, None, None, source=source)
+            self.assertTrue(status != 429 or 0 < int(got["Retry-After"]) <= WINDOW, got)
+            return status
+
+        # busybox httpd queues 9 connections (its listen backlog) and has no bound that they could overshoot.
+        with concurrent.futures.ThreadPoolExecutor(8 if SERVER == "busybox" else 200) as pool:
+            for name, sources, tries, user, password, target, *expected in GUESSES:
+                with self.subTest(name):
+                    if name.startswith("after the window") and SERVER != "busybox":
+                        webenv.poll(lambda: one(sources[0], user, password, target), lambda s: s != 429, WINDOW + 5)
+                    before = self.sim.connections()
+                    tried = [(at, user or f"guess{i}", password, target, ("Basic", "BASIC")[i % 2])
+                             for at in sources for i in range(tries)]
+                    got = collections.Counter(pool.map(lambda args: one(*args), tried))
+                    self.assertEqual(got, expected[SERVER == "busybox"])
+                    self.assertEqual(self.sim.connections() > before, 200 in got, "daemon contacted?")
+
+    @unittest.skipUnless(SERVER == "lighttpd", "one server's cost is enough")
+    def test_the_bounds_cost_a_valid_request_nothing(self):
+        # Two new servers, alike but for the bounds: a server's past changes what its forks cost.
+        ports = [webenv.free_port() for _ in range(2)]
+        for at, after in zip(ports, ([], [UNBOUND])):
+            self.addCleanup(webenv.lighttpd("tzr4417.conf", at, after=after, path=f"/tmp/{at}.conf",
+                                            tzr4417_hosts="encoder", tzr4417_users="/tmp/users").terminate)
+        auth = "Authorization: Basic " + base64.b64encode(":".join(USER).encode()).decode()
+        ratios = []
+        for _ in range(3):  # both at once, so that whatever else loads the machine loads both
+            runs = [webenv.sandbox.wrk(f"http://127.0.0.1:{at}{READ}", 3, "-H", auth) for at in ports]
+            bounded, unbounded = (rate() for rate in runs)
+            ratios.append(bounded / unbounded)
+        ratio = statistics.median(ratios)
+        print(f"valid reads, with the bounds against without: {ratio:.2f}", ratios, file=sys.stderr)
+        self.assertGreaterEqual(ratio, 0.90)
 
     def test_write_replies_before_the_child_is_done(self):
         # The writes busybox let in above have saved first.

@@ -42,16 +42,18 @@ def certificate(*names):
 
 
 def users():
-    Path("/tmp/users").write_text(f"{USER[0]}:{sandbox.md5_crypt(USER[1])}\n")
+    Path("/tmp/users").write_text(f"{USER[0]}:{sandbox.sha512_crypt(USER[1])}\n")
     return "/tmp/users"
 
 
-def request(port, target, headers=None, body=None, user=USER, method=None, cafile=None, timeout=5):
-    """One request, over HTTPS if CAFILE (the one trusted): (status, or None if closed with no bytes; headers; body)."""
+def request(port, target, headers=None, body=None, user=USER, method=None, cafile=None, source=None, timeout=5):
+    """One request, over HTTPS if CAFILE (the one trusted), from address SOURCE if given: (status, or None if
+    closed with no bytes; headers; body)."""
     auth = {"Authorization": "Basic " + base64.b64encode(":".join(user).encode()).decode()} if user else {}
     form = {"Content-Type": "application/x-www-form-urlencoded"} if body else {}
-    connection = (http.client.HTTPSConnection("127.0.0.1", port, timeout=timeout, context=ssl.create_default_context(
-        cafile=cafile)) if cafile else http.client.HTTPConnection("127.0.0.1", port, timeout=timeout))
+    where = {"timeout": timeout, "source_address": source and (source, 0)}
+    connection = (http.client.HTTPSConnection("127.0.0.1", port, context=ssl.create_default_context(
+        cafile=cafile), **where) if cafile else http.client.HTTPConnection("127.0.0.1", port, **where))
     try:
         connection.request(method or ("POST" if body else "GET"), target, body, {**auth, **form, **(headers or {})})
         response = connection.getresponse()
