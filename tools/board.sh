@@ -11,6 +11,9 @@
 #   tools/board.sh reboot           reboot, and wait until it answers again
 #   tools/board.sh cut              pull the power: qemu killed on the spot
 #   tools/board.sh run 'COMMAND' [SECONDS]   a command on the board's serial console
+#   tools/board.sh daemon [OPTION...]   restart the board's daemon with the
+#                                   simulator's options (--delay-ms 500: a
+#                                   slow daemon); none: as it boots
 #   tools/board.sh status           the console's address, if a board runs
 #
 # Everything listens on 127.0.0.1 only. TZR_BOARD_DIR (build/board by
@@ -195,6 +198,15 @@ case ${1:-} in
     console "${3:-60}" "$2" || status=$?
     [ $status -eq 0 ] || echo "board: exit status $status" >&2
     exit $status
+    ;;
+  daemon)
+    shift
+    case "$*" in *[!A-Za-z0-9\ ._=-]*) die "daemon: options are plain words" ;; esac
+    # init starts the next one with the options; the wait is for it to answer.
+    console 60 "echo '$*' >/run/daemon.options && old=\$(pidof cffs-sim) && killall cffs-sim &&
+      until [ -n \"\$(pidof cffs-sim)\" ] && [ \"\$(pidof cffs-sim)\" != \"\$old\" ] &&
+        REQUEST_METHOD=GET QUERY_STRING=read=/configuration/network/ip_addr /www/cgi-bin/tzr4417.cgi |
+        grep -q '^{'; do sleep 0.1; done"
     ;;
   status)
     running || die "no board is running"

@@ -13,9 +13,6 @@ MASK, BROADCAST, HOSTNAME = NET + "subnet_mask", NET + "broadcast_addr", NET + "
 SAVED = "Applied and saved the parameter settings"
 TIME_OUT = 30  # cgi.limits in web/servers/lighttpd/tzr4417-rules.conf
 APPLY_DELAY = 3  # seconds the daemon takes to answer apply, where a row slows it
-# The daemon, slowed: init restarts whatever /usr/sbin/cffs-sim is once the running one is killed.
-SLOW = ("cp /usr/sbin/cffs-sim /tmp/cffs-sim && printf '#!/bin/sh\\nexec /tmp/cffs-sim {} \"$@\"\\n' >/tmp/slow &&"
-        " chmod +x /tmp/slow && mount --bind /tmp/slow /usr/sbin/cffs-sim && killall cffs-sim")
 ANSWERS = f"REQUEST_METHOD=GET QUERY_STRING=read={IP} /www/cgi-bin/tzr4417.cgi | grep -q '^{{'"
 
 
@@ -86,10 +83,9 @@ class BoardTest(unittest.TestCase):
             with context.wrap_socket(raw, server_hostname="127.0.0.1") as tls:
                 return hashlib.sha256(tls.getpeercert(binary_form=True)).hexdigest()
 
-    def slow_daemon(self, options):
-        on_board(SLOW.format(options))
-        until_on_board(ANSWERS)
-        self.addCleanup(lambda: (on_board("umount /usr/sbin/cffs-sim && killall cffs-sim"), until_on_board(ANSWERS)))
+    def slow_daemon(self, *options):
+        self.assertEqual(board("daemon", *options).returncode, 0)
+        self.addCleanup(board, "daemon")
 
     def write(self, name, value):
         status, _, body = self.ask(f"{PROGRAM}?write={name}&value={value}")
@@ -98,7 +94,7 @@ class BoardTest(unittest.TestCase):
     def test_1_reads_and_a_write_over_https(self):
         status, _, body = self.ask(f"{PROGRAM}?read={IP},{MASK}", {})
         self.assertEqual((status, json.loads(body)), (200, {IP: "192.168.1.10", MASK: "255.255.255.0"}))
-        self.slow_daemon(f"--delay-command apply --delay-ms {APPLY_DELAY * 1000}")
+        self.slow_daemon("--delay-command", "apply", "--delay-ms", str(APPLY_DELAY * 1000))
         begun = time.monotonic()
         status, _, body = self.ask(f"{PROGRAM}?write={IP}&value=10.0.0.5")
         replied = time.monotonic() - begun
@@ -116,7 +112,7 @@ class BoardTest(unittest.TestCase):
     @unittest.skipIf(ARCH != "armhf", "one board runs every row")
     def test_2_dependent_writes_that_meet_leave_a_consistent_configuration(self):
         # Some 40 answers of 50 ms each a write: the two overlap for seconds unless one waits its turn.
-        self.slow_daemon("--delay-ms 50")
+        self.slow_daemon("--delay-ms", "50")
         writes = [(IP, "10.1.2.3"), (MASK, "255.255.0.0")]
         before = saves()
         gate = threading.Barrier(len(writes))
@@ -131,7 +127,7 @@ class BoardTest(unittest.TestCase):
 
     @unittest.skipIf(ARCH != "armhf", "one board runs every row")
     def test_3_a_daemon_killed_during_a_write(self):
-        self.slow_daemon("--delay-ms 100")
+        self.slow_daemon("--delay-ms", "100")
         daemon = on_board("pidof cffs-sim").strip()
         outcome = []
         writer = threading.Thread(target=lambda: outcome.append(
