@@ -39,4 +39,10 @@
 // cannot be opened.
 int serve(const Options& options, Tree& tree);
 
+// The same for a test that runs the simulator in a thread of its own: once
+// it listens it writes one byte to `readyFd`, and it serves until `stopFd`
+// is readable (a pipe's read end whose write end was closed), leaving the
+// process's signal handling alone.
+int serveInThread(const Options& options, Tree& tree, int readyFd, int stopFd);
+
 #endif  // TZR_TOOLS_CFFS_SIM_SERVER_H_
