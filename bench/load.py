@@ -87,7 +87,7 @@ def main():
     parser.add_argument("--writes", type=int, default=200)
     parser.add_argument("--readers", type=int, default=0)
     args = parser.parse_args()
-    sandbox.enter()
+    sandbox.enter(keep=[os.path.dirname(args.cgi), os.path.dirname(args.simulator)])
     sandbox.install(args.cgi)
     sim = sandbox.Simulator(args.simulator)
     port = sandbox.free_port()

@@ -40,8 +40,9 @@ def _check(ok, what):
 
 
 def enter(keep=()):
-    """KEEP: folders under /tmp that stay visible in the private one."""
-    keep = [Path(folder).resolve() for folder in keep]
+    """KEEP: folders under /tmp that stay visible in the private one (a
+    build folder there), besides the sources."""
+    keep = [Path(folder).resolve() for folder in (*keep, SRC)]
     if Path("/tmp") in keep:
         sys.exit("sandbox: a build folder cannot be /tmp itself: its /tmp must be private")
     keep = [folder for folder in keep if Path("/tmp") in folder.parents]

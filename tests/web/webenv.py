@@ -16,7 +16,7 @@ TLS, CERT = "/tmp/tls", "/tmp/tls/cert.pem"  # var.tzr4417_tls, and the certific
 def isolate(*addresses):
     """A private /tmp; given ADDRESSES, also a network of its own whose
     loopback holds them, so nothing leaves the machine."""
-    sandbox.enter()
+    sandbox.enter(keep=[Path(program).parent for program in sys.argv[1:3]])
     if addresses:
         if sandbox.LIBC.unshare(CLONE_NEWNET) != 0:
             sys.exit("webenv: cannot make a network namespace (run as root)")
