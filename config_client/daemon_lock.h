@@ -6,16 +6,16 @@
 // last put, and a read shares it for its whole list.
 //
 // The lock is the kernel's (flock) on a file beside the daemon's socket
-// (the appliance's is "/tmp/cffs_uds.lock"; daemon_setup.h), created (mode 0644) by the first
-// request that finds it missing: a process that dies lets go of it, and one that waits for it holds
-// no daemon connection. A request that meets no other takes it at once, and nothing it does
-// changes.
+// (the appliance's is "/tmp/cffs_uds.lock"; daemon_setup.h), created (mode
+// 0644) by the first request that finds it missing: a process that dies
+// lets go of it, and one that waits for it holds no daemon connection. A
+// request that meets no other takes it at once, and nothing it does changes.
 //
 // flock() hands a shared lock to a new reader whenever readers hold it, so
 // under a steady stream of reads a write would wait for good. Every request
-// therefore queues first, on a second file ("/tmp/cffs_uds.queue"), held exclusively only
-// while it waits for the lock: a waiting write holds the queue, so new reads
-// line up behind it while the earlier ones finish.
+// therefore queues first, on a second file ("/tmp/cffs_uds.queue"), held
+// exclusively only while it waits for the lock: a waiting write holds the
+// queue, so new reads line up behind it while the earlier ones finish.
 #ifndef TZR_CONFIG_CLIENT_DAEMON_LOCK_H_
 #define TZR_CONFIG_CLIENT_DAEMON_LOCK_H_
 
