@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/file.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -485,7 +484,8 @@ TEST(RequestTest, RequestsThatNobodyWaitsForEndAndPassTheirTurnOn) {
   // It waits for its turn before connecting: no daemon connection, no socket.
   for (const auto& fd :
        std::filesystem::directory_iterator("/proc/" + std::to_string(waiting) + "/fd")) {
-    EXPECT_EQ(std::string::npos, std::filesystem::read_symlink(fd).string().find("socket:"));
+    std::error_code gone;  // a descriptor that an emulator closed meanwhile
+    EXPECT_EQ(std::string::npos, std::filesystem::read_symlink(fd, gone).string().find("socket:"));
   }
   EXPECT_EQ(0, queued.giveUp().exitStatus) << "killed";
   EXPECT_EQ(0, stuck.giveUp().exitStatus) << "killed";
