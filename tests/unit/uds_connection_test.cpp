@@ -1,5 +1,4 @@
-// The client's way to the daemon: the transport, and the lock that gives
-// requests their turns.
+// The client's way to the daemon: the transport, and the lock giving turns.
 #include "config_client/uds_connection.h"
 
 #include <errno.h>
@@ -16,7 +15,6 @@
 
 #include <atomic>
 #include <functional>
-#include <map>
 #include <thread>
 
 #include "support/sim_daemon.h"
@@ -63,38 +61,47 @@ std::thread greetAndHangUp(const std::string& path) {
   });
 }
 
+// Whether another request could have the lock at once (none without its file).
+bool lockIsFree(const DaemonSetup& setup) {
+  const int fd = open(setup.lockPath, O_RDONLY | O_CLOEXEC);
+  const bool free = fd < 0 || flock(fd, LOCK_EX | LOCK_NB) == 0;
+  close(fd);
+  return free;
+}
+
 // Every failure closes the connection for good: later exchanges fail without
 // touching their reply; a daemon gone is an error, never a SIGPIPE. Unattended,
 // a hang-up or a silent daemon fails the exchange too; attended, so does the
-// web server giving up on the request (Abandoned), which ends nothing itself.
+// web server giving up on the request (Abandoned), which ends nothing itself:
+// after a hang-up, which no reply can follow, once the lock is let go.
 TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
-  const std::map<UdsStatus, std::string> messages = {
-      {UdsStatus::OpenFailed, "UDS open failed"},
-      {UdsStatus::ConnectFailed, "UDS connect failed"},
-      {UdsStatus::WriteFailed, "UDS write failed"},
-      {UdsStatus::ReadFailed, "UDS read failed"},
-      {UdsStatus::Abandoned, "Nobody waits for the reply"}};
+  const std::string messages[] = {
+      "Ready",           "UDS open failed", "UDS connect failed",        "UDS write failed",
+      "UDS wait failed", "UDS read failed", "Nobody waits for the reply"};
   signal(SIGPIPE, SIG_DFL);
   rlimit limit;
   getrlimit(RLIMIT_NOFILE, &limit);
-  const Strings silent = {"--delay-command", "ls", "--delay-ms", "5000"};
+  const Strings silent = {"--delay-command", "ls", "--delay-ms", "5000"},
+                hangUp = {"--hangup-at", "1"};
   const struct {
     const char* what;
     Strings daemon;  // the simulator's arguments
     UdsStatus status;
     int error;
     bool unattended = false;
-    bool givenUp = false;  // the web server gave up on the request
+    bool givenUp = false;       // the web server gave up on the request
+    bool givenUpLater = false;  // once the request has let go of the lock
   } rows[] = {{"no daemon", {}, UdsStatus::ConnectFailed, ENOENT},
               {"not listening", {"--no-listen"}, UdsStatus::ConnectFailed, ECONNREFUSED},
               {"no descriptor left", {}, UdsStatus::OpenFailed, EMFILE},
               {"a link for a lock file", {}, UdsStatus::OpenFailed, ELOOP},
               {"reset", {"--reset-at", "1"}, UdsStatus::ReadFailed, ECONNRESET},
               {"greets, hangs up", {}, UdsStatus::WriteFailed, EPIPE},
-              {"unattended hang-up", {"--hangup-at", "1"}, UdsStatus::ReadFailed, 0, true},
+              {"unattended hang-up", hangUp, UdsStatus::ReadFailed, 0, true},
               {"unattended, silent", silent, UdsStatus::ReadFailed, ETIMEDOUT, true},
               {"given up while the daemon is silent", silent, UdsStatus::Abandoned, 0, false, true},
-              {"given up, unattended", silent, UdsStatus::ReadFailed, ETIMEDOUT, true, true}};
+              {"given up, unattended", silent, UdsStatus::ReadFailed, ETIMEDOUT, true, true},
+              {"given up after a hang-up", hangUp, UdsStatus::Abandoned, 0, false, false, true}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     SimDaemon sim(kTree, row.daemon);
@@ -113,12 +120,17 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
     if (daemon.joinable()) daemon.join();
     if (row.unattended) connection.setUnattended(Millis(50));
     if (row.givenUp) reply.giveUp();
+    std::thread server = !row.givenUpLater ? std::thread() : std::thread([&] {
+      EXPECT_TRUE(waitUntil([&] { return lockIsFree(setup); }));
+      reply.giveUp();
+    });
     std::string text = "kept";
     EXPECT_FALSE(connection.isOpen() && connection.execute("ls /a", text));
+    if (server.joinable()) server.join();
     EXPECT_EQ(row.status, connection.status());
     EXPECT_EQ(row.error, connection.savedErrno());
     const std::string error = row.error ? std::string(": ") + strerror(row.error) : "";
-    EXPECT_EQ(messages.at(row.status) + error, connection.statusText());
+    EXPECT_EQ(messages[static_cast<int>(row.status)] + error, connection.statusText());
     EXPECT_FALSE(connection.isOpen());
     if (connection.isOpen()) continue;
     text = "kept";
@@ -133,10 +145,9 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
 // first: it then returns false with ECANCELED instead of waiting.
 void onTick(int) {}
 
-// Runs `ask`, which may wait for the lock, for a request whose web server has
-// given up. The wait looks whether anybody still waits whenever a signal
-// interrupts it: the test does so every millisecond rather than once a second.
-// A wait that does not give up within five seconds is ended by `letGo`.
+// Runs `ask`, which may wait for the lock, for a request given up on. Its wait
+// looks whether anybody waits whenever a signal interrupts it: every
+// millisecond here, not every second; after five seconds `letGo` ends it.
 template <typename Ask>
 auto givenUp(Ask ask, const std::function<void()>& letGo) {
   struct sigaction tick = {};
@@ -163,14 +174,16 @@ TEST(DaemonLockTest, ModesAndTurns) {
     LockMode held;  // by another request
     LockMode asked;
     bool taken;
-    bool queued = false;  // another request waits for its turn
+    bool queued = false;      // another request waits for its turn
+    bool connection = false;  // a connection asks: its status says
   } rows[] = {{"alone", none, exclusive, true},
               {"reads share", shared, shared, true},
               {"a write waits for a read", shared, exclusive, false},
               {"a read waits for a write", exclusive, shared, false},
               {"a write waits for a write", exclusive, exclusive, false},
               {"a read waits behind a queued write", shared, shared, false, true},
-              {"nothing asked, nothing waited for", exclusive, none, true, true}};
+              {"nothing asked, nothing waited for", exclusive, none, true, true},
+              {"a connection in line: Abandoned", exclusive, shared, false, false, true}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     SimDaemon sim({});
@@ -181,6 +194,9 @@ TEST(DaemonLockTest, ModesAndTurns) {
     EXPECT_EQ(0, row.queued ? flock(queue, LOCK_EX) : 0);
     reply.giveUp();
     const auto taken = [&] {  // at once, or it gave up with ECANCELED
+      if (row.connection) {
+        return UdsConnection(sim.setup(reply.ends[1]), row.asked).status() != UdsStatus::Abandoned;
+      }
       DaemonLock lock(sim.setup(reply.ends[1]));
       errno = 0;
       const bool taken = lock.acquire(row.asked);
@@ -194,20 +210,6 @@ TEST(DaemonLockTest, ModesAndTurns) {
               }));
     if (queue >= 0) close(queue);
   }
-}
-
-// The connection reports it as its own status, and sends nothing.
-TEST(DaemonLockTest, AConnectionGivenUpOnInLineIsAbandoned) {
-  SimDaemon sim({});
-  ReplyPipe reply;
-  DaemonLock other(sim.setup());
-  ASSERT_TRUE(other.acquire(LockMode::Exclusive));
-  reply.giveUp();
-  const auto status = [&] {
-    return UdsConnection(sim.setup(reply.ends[1]), LockMode::Shared).status();
-  };
-  EXPECT_EQ(UdsStatus::Abandoned, givenUp(status, [&] { other.release(); }));
-  EXPECT_EQ(Strings{}, sim.transcript());
 }
 
 }  // namespace

@@ -312,13 +312,15 @@ int Server::run() {
   }
 
   // The stop signals stay blocked except inside ppoll(), so one arriving
-  // between the stopRequested check and the wait still ends the wait.
-  struct sigaction action {};
-  action.sa_handler = SIG_IGN;
-  ::sigaction(SIGPIPE, &action, nullptr);
+  // between the stopRequested check and the wait still ends the wait. In a
+  // thread of someone else's process the signals are that process's own:
+  // every send() here passes MSG_NOSIGNAL anyway.
   sigset_t stopSignals, waitMask;
   const bool embedded = stopFd_ >= 0;
   if (!embedded) {
+    struct sigaction action {};
+    action.sa_handler = SIG_IGN;
+    ::sigaction(SIGPIPE, &action, nullptr);
     action.sa_handler = onStopSignal;
     ::sigaction(SIGTERM, &action, nullptr);
     ::sigaction(SIGINT, &action, nullptr);

@@ -22,8 +22,8 @@
 // - A client whose unsent replies pile up past 1 MiB is not read from until
 //   it reads some of them.
 //
-// SIGPIPE is ignored and every send() uses MSG_NOSIGNAL; a peer that
-// vanishes only ends its own connection.
+// Every send() uses MSG_NOSIGNAL (and serve() ignores SIGPIPE too); a peer
+// that vanishes only ends its own connection.
 
 #ifndef TZR_TOOLS_CFFS_SIM_SERVER_H_
 #define TZR_TOOLS_CFFS_SIM_SERVER_H_
