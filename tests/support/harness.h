@@ -7,8 +7,6 @@
 #ifndef TZR_TESTS_SUPPORT_HARNESS_H_
 #define TZR_TESTS_SUPPORT_HARNESS_H_
 
-#include <sys/types.h>
-
 #include <utility>
 
 #include "support/sim_daemon.h"

@@ -4,6 +4,7 @@
 #ifndef TZR_TESTS_SUPPORT_SIM_DAEMON_H_
 #define TZR_TESTS_SUPPORT_SIM_DAEMON_H_
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -47,9 +48,7 @@ struct SimDaemon {
 
 // A reply's pipe: a request writes to ends[1]; closing ends[0] gives up on it.
 struct ReplyPipe {
-  ReplyPipe() {
-    if (pipe(ends) != 0) ends[0] = ends[1] = -1;
-  }
+  ReplyPipe() { EXPECT_EQ(0, pipe(ends)); }
   ~ReplyPipe() { giveUp(), close(ends[1]); }
   void giveUp() { ends[0] = ends[0] < 0 ? -1 : (close(ends[0]), -1); }
   int ends[2];

@@ -72,8 +72,7 @@ bool lockIsFree(const DaemonSetup& setup) {
 // Every failure closes the connection for good: later exchanges fail without
 // touching their reply; a daemon gone is an error, never a SIGPIPE. Unattended,
 // a hang-up or a silent daemon fails the exchange too; attended, so does the
-// web server giving up on the request (Abandoned), which ends nothing itself:
-// after a hang-up, which no reply can follow, once the lock is let go.
+// web server giving up (Abandoned, ending nothing), after a hang-up once the lock is let go.
 TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
   const std::string messages[] = {
       "Ready",           "UDS open failed", "UDS connect failed",        "UDS write failed",
