@@ -18,10 +18,11 @@ import subprocess
 import sys
 import urllib.request
 from pathlib import Path
+from typing import NamedTuple
+
+import sandbox  # tools/, on PYTHONPATH (bench/run.sh)
 
 ROOT = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(ROOT / "tools"))
-import sandbox  # noqa: E402
 
 BASELINE = ROOT / "bench/callgrind-baseline.txt"
 DEFAULT_CONF = ROOT / "tools/appliance-default.conf"
@@ -121,17 +122,34 @@ def default_configuration():
     return [name for name, _, _ in entries], {name: value for name, _, value in entries}
 
 
+class Kind(NamedTuple):
+    """A kind of request measured directly."""
+    key: str
+    label: str
+    query: str
+    write: bool
+
+
+class Case(NamedTuple):
+    """A scaling measurement: `query` has `units` more bytes or names than `base`."""
+    unit: str
+    label: str
+    units: int
+    query: str
+    base: str
+    runs: int
+
+
 def request_kinds():
-    """(key, label, query, write?) on the default configuration."""
+    """The kinds measured, on the default configuration."""
     names, values = default_configuration()
-    reads = [(f"read-{n}", f"read of {n} name{'s' if n > 1 else ''}",
-              "read=" + ",".join(names[i % len(names)] for i in range(n)), False)
+    reads = [Kind(f"read-{n}", f"read of {n} name{'s' if n > 1 else ''}",
+                  "read=" + ",".join(names[i % len(names)] for i in range(n)), False)
              for n in (1, 10, 100, 1000)]
-    reads[0] = ("read-1", "read of 1 name", "read=" + IP, False)
+    reads[0] = Kind("read-1", "read of 1 name", "read=" + IP, False)
     return reads + [
-        ("write-ip", "write of the IP address, same value",
-         f"write={IP}&value={values[IP]}", True),
-        ("write-plain", "write that triggers nothing", f"write={HOST}&value={values[HOST]}", True),
+        Kind("write-ip", "write of the IP address, same value", f"write={IP}&value={values[IP]}", True),
+        Kind("write-plain", "write that triggers nothing", f"write={HOST}&value={values[HOST]}", True),
     ]
 
 
@@ -141,17 +159,17 @@ def round_trips(sim, program, kinds):
     transcript = Path("/tmp/transcript")
     simulator = sandbox.Simulator(sim)
     counts = {}
-    for key, _, query, write in kinds:
+    for kind in kinds:
         before = transcript.stat().st_size
-        reply = reply_of(program, query)
+        reply = reply_of(program, kind.query)
         if not reply.startswith(b"Content-Type: application/json\n\n{"):
-            sys.exit(f"{key}: unexpected reply {reply[:200]!r}")
+            sys.exit(f"{kind.key}: unexpected reply {reply[:200]!r}")
         with transcript.open("rb") as f:
             f.seek(before)
             lines = f.read().splitlines()
-        counts[key] = (sum(line.startswith(b"ls ") for line in lines),
-                       sum(line.startswith(b"put ") for line in lines))
-        if write:  # its detached child ends the dialogue with apply and save
+        counts[kind.key] = (sum(line.startswith(b"ls ") for line in lines),
+                            sum(line.startswith(b"put ") for line in lines))
+        if kind.write:  # its detached child ends the dialogue with apply and save
             sandbox.poll(lambda: transcript.read_bytes().endswith(b"save\\r\n"), bool)
     simulator.stop()
     return counts
@@ -260,18 +278,18 @@ def pinned_cpu():
 
 def direct_rows(table, program, floors, trips, kinds, rounds, scale):
     runs = {"read-100": 50, "read-1000": 16}
-    medians = timed([(key, query, [program, floors[key]], max(3, int(runs.get(key, 100) * scale)))
-                     for key, _, query, _ in kinds], rounds)
+    medians = timed([(kind.key, kind.query, [program, floors[kind.key]],
+                      max(3, int(runs.get(kind.key, 100) * scale))) for kind in kinds], rounds)
     goals = {"read-1": "≤ 1.10", "read-10": "≤ 1.10", "write-ip": "≤ 1.10"}
-    for key, label, _, _ in kinds:
-        p, f = medians[key]
-        ls, puts = trips[key]
-        table.add(f"direct: {label} ({ls} ls, {puts} put)", ms(p), ms(f), f"{p / f:.2f}",
-                  goals.get(key, ""))
+    for kind in kinds:
+        p, f = medians[kind.key]
+        ls, puts = trips[kind.key]
+        table.add(f"direct: {kind.label} ({ls} ls, {puts} put)", ms(p), ms(f), f"{p / f:.2f}",
+                  goals.get(kind.key, ""))
 
 
 def instruction_rows(table, program, kinds, update):
-    counts = {key: instructions(program, query) for key, _, query, _ in kinds}
+    counts = {kind.key: instructions(program, kind.query) for kind in kinds}
     counts["start-up"] = instructions(program, "")
     baseline = read_baseline()
     for key, count in counts.items():
@@ -290,23 +308,24 @@ def scaling_rows(table, program, floor, rounds, scale):
     the simulator's work) and instructions. Each figure is the difference
     between two reads of as many round trips, over the bytes or names that
     one has more than the other."""
-    cases = []  # (unit, label, units, query, baseline query, runs)
+    cases = []
     for label, size in SIZES.items():
         n = max(1, (1 << 20) // size)  # a megabyte at least, so the difference shows
-        cases.append(("byte", f"reply of {label}B ({n} in one read)", n * (size - 1),
-                      "read=" + ",".join([f"/b/{label}"] * n), "read=" + ",".join(["/b/1"] * n),
-                      max(3, int(min(20, (16 << 20) // (n * size)) * scale))))
+        cases.append(Case("byte", f"reply of {label}B ({n} in one read)", n * (size - 1),
+                          "read=" + ",".join([f"/b/{label}"] * n), "read=" + ",".join(["/b/1"] * n),
+                          max(3, int(min(20, (16 << 20) // (n * size)) * scale))))
     for n in (10, 100, 1000, 10000):
-        cases.append(("name", f"read of {n:,} names", n - 1,
-                      "read=" + ",".join(f"/n/{i:04d}" for i in range(n)), "read=/n/0000",
-                      max(3, int(min(40, 30000 // n) * scale))))
-    medians = cpu_times([(i, [(program, more), (program, base), (floor, more), (floor, base)],
-                          runs) for i, (_, _, _, more, base, runs) in enumerate(cases)], rounds)
+        cases.append(Case("name", f"read of {n:,} names", n - 1,
+                          "read=" + ",".join(f"/n/{i:04d}" for i in range(n)), "read=/n/0000",
+                          max(3, int(min(40, 30000 // n) * scale))))
+    medians = cpu_times([(i, [(program, c.query), (program, c.base), (floor, c.query), (floor, c.base)],
+                          c.runs) for i, c in enumerate(cases)], rounds)
     per_unit = {"byte": {}, "name": {}}
-    for i, (unit, label, units, more, base, _) in enumerate(cases):
-        t = medians[i]
-        extra = instructions(program, more) - instructions(program, base)
-        per_unit[unit][label] = ((t[0] - t[1]) / units, (t[2] - t[3]) / units, extra / units)
+    for i, c in enumerate(cases):
+        more, base, floor_more, floor_base = medians[i]
+        extra = instructions(program, c.query) - instructions(program, c.base)
+        per_unit[c.unit][c.label] = ((more - base) / c.units, (floor_more - floor_base) / c.units,
+                                     extra / c.units)
     for unit, factor, suffix in (("byte", 1e9, "ns"), ("name", 1e6, "µs")):
         least = min(cost for cost, _, _ in per_unit[unit].values())
         for label, (cost, floor_cost, extra) in per_unit[unit].items():
@@ -364,7 +383,7 @@ def main():
     floors = {}
     trips = round_trips(sim, program, kinds)
     for key, (ls, puts) in trips.items():
-        write = next(k[3] for k in kinds if k[0] == key)
+        write = next(kind.write for kind in kinds if kind.key == key)
         if write and puts != 1:
             sys.exit(f"{key}: {puts} puts; the floor makes one")
         floors[key] = f"{floor} write {ls}" if write else floor
@@ -372,7 +391,7 @@ def main():
     # Through lighttpd, on every core: throughput counts every cycle.
     progress("lighttpd and wrk ...")
     simulator = sandbox.Simulator(sim, quiet=True)
-    read10 = next(query for key, _, query, _ in kinds if key == "read-10")
+    read10 = next(kind.query for kind in kinds if kind.key == "read-10")
     rates = wrk_rates({"tzr4417": program, "floor": floor, "fixed": fixed}, read10,
                       3 if args.quick else 5, 2 if args.quick else 4)
     simulator.stop()

@@ -9,7 +9,7 @@ over meanwhile: the writes' latency shows whether reads starve them.
 Prints the figures; exits 1 when anything was lost, refused or left. Needs
 root.
 
-  bench/load.py CGI SIMULATOR [--clients 8] [--writes 200] [--readers 0]
+  PYTHONPATH=tools bench/load.py CGI SIMULATOR [--clients 8] [--writes 200] [--readers 0]
 """
 import argparse
 import contextlib
@@ -19,10 +19,8 @@ import statistics
 import sys
 import threading
 import time
-from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tools"))
-import sandbox  # noqa: E402
+import sandbox  # tools/, on PYTHONPATH (ctest sets it)
 
 
 # What the console and documented scripts send with a write; lighttpd
@@ -89,7 +87,7 @@ def main():
     parser.add_argument("--writes", type=int, default=200)
     parser.add_argument("--readers", type=int, default=0)
     args = parser.parse_args()
-    sandbox.enter()
+    sandbox.enter(keep=[os.path.dirname(args.cgi), os.path.dirname(args.simulator)])
     sandbox.install(args.cgi)
     sim = sandbox.Simulator(args.simulator)
     port = sandbox.free_port()

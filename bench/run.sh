@@ -30,6 +30,6 @@ build . build-bench/tools -- cffs-sim floor_cgi fixed_cgi iostream_start
 build "$source_dir" "$source_dir/build-bench/static" -DTZR_STATIC=ON -- tzr4417.cgi
 build "$source_dir" "$source_dir/build-bench/dynamic" -DTZR_STATIC=OFF -- tzr4417.cgi
 
-exec /usr/bin/python3 bench/bench.py \
+PYTHONPATH=tools exec /usr/bin/python3 bench/bench.py \
   --tools build-bench/tools --static "$source_dir/build-bench/static/tzr4417.cgi" \
   --dynamic "$source_dir/build-bench/dynamic/tzr4417.cgi" ${args[@]+"${args[@]}"}

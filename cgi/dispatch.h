@@ -6,13 +6,18 @@
 #ifndef TZR_CGI_DISPATCH_H_
 #define TZR_CGI_DISPATCH_H_
 
+#include "config_client/daemon_setup.h"
+
 namespace cgicc {
 class CgiInput;
 }
 
 // `input` supplies the environment and the body; nullptr reads the
 // process's own environment and standard input, as the web server provides
-// them. Exceptions (cgicc's and the services') reach the caller.
-void dispatchRequest(cgicc::CgiInput* input);
+// them. `daemon`: where the services find the daemon, and whose reader's
+// hang-up means that nobody waits for the reply. Exceptions (cgicc's and the
+// services') reach the caller. False once nobody waits for the reply: the
+// caller ends the request without a word.
+bool dispatchRequest(cgicc::CgiInput* input, const DaemonSetup& daemon);
 
 #endif  // TZR_CGI_DISPATCH_H_

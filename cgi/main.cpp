@@ -1,7 +1,9 @@
 // tzr4417.cgi: the configuration back end of the encoder's web interface.
 // The web server runs it once per request (cgi/dispatch.h routes it).
+#include <signal.h>
 #include <stdlib.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <exception>
 
@@ -9,11 +11,23 @@
 #include "cgi/dispatch.h"
 #include "cgi/reply.h"
 
+namespace {
+
+// The appliance's daemon and the lock beside it; the web server reads the
+// reply from our standard output.
+constexpr DaemonSetup kAppliance = {"/tmp/cffs_uds", "/tmp/cffs_uds.lock", "/tmp/cffs_uds.queue",
+                                    STDOUT_FILENO};
+
+}  // namespace
+
 int main(int, char**) {
   openlog("tzr4417.cgi", LOG_PID, LOG_USER);
   if (contentLengthExceedsLimit()) exit(1);
   try {
-    dispatchRequest(nullptr);
+    // A request nobody waits for ends without a word: what is left of the
+    // reply in stdio's buffer has nobody to read it, and its flush at exit
+    // fails quietly instead of raising SIGPIPE.
+    if (!dispatchRequest(nullptr, kAppliance)) signal(SIGPIPE, SIG_IGN);
   } catch (const std::exception& e) {
     syslog(LOG_ERR, "Caught exception %s", e.what());
     writeInternalServerError();

@@ -25,8 +25,7 @@ set(ENV{PKG_CONFIG_SYSROOT_DIR} "${TZR_SYSROOT}")
 # the cross compiler's loader and libraries; the static program ignores it.
 set(CMAKE_CROSSCOMPILING_EMULATOR ${TZR_EMULATOR} -L /usr/${TZR_TRIPLE})
 
-# The appliance's flash is small: drop every function and object nothing uses.
 # -Wno-psabi: GCC's notes on an ARM argument-passing change of GCC 7.1 concern
-# mixing with code built by older compilers, which never happens here.
-set(CMAKE_CXX_FLAGS_INIT "-ffunction-sections -fdata-sections -Wno-psabi")
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--gc-sections")
+# mixing with code built by older compilers, which never happens here. (The
+# sections that let the linker drop unused code: ../CMakeLists.txt.)
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")

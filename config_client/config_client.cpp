@@ -46,11 +46,16 @@ std::string putRequest(const ParameterPath& name, const std::string& value) {
 
 }  // namespace
 
-ConfigClient::ConfigClient(LockMode lock) : connection_(new UdsConnection(lock)) {}
+ConfigClient::ConfigClient(const DaemonSetup& daemon, LockMode lock)
+    : connection_(new UdsConnection(daemon, lock)) {}
 
 ConfigClient::~ConfigClient() = default;
 
 bool ConfigClient::isConnected() const { return connection_ && connection_->isOpen(); }
+
+bool ConfigClient::abandoned() const {
+  return connection_ && connection_->status() == UdsStatus::Abandoned;
+}
 
 bool ConfigClient::get(const ParameterPath& name, std::string& value) {
   if (!connection_ || !framable(name)) return false;

@@ -2,7 +2,8 @@
 // It turns configuration operations into the daemon's request lines
 // ("ls ", "put ", "apply", "save") over its own UdsConnection, which it
 // opens (lock, connect and greeting) on construction and closes on
-// destruction. How long it waits for the daemon: uds_connection.h.
+// destruction. How long it waits for the daemon, and what happens once
+// nobody waits for the request: uds_connection.h.
 //
 // Every operation returns false when the exchange with the daemon failed;
 // the daemon's answers themselves, error texts included, are never failures
@@ -21,13 +22,18 @@
 class ConfigClient {
  public:
   // A read takes the lock shared, a write exclusively (daemon_lock.h).
-  explicit ConfigClient(LockMode lock = LockMode::None);
+  // `daemon`'s paths must outlive the client.
+  explicit ConfigClient(const DaemonSetup& daemon, LockMode lock = LockMode::None);
   ~ConfigClient();
 
   ConfigClient(const ConfigClient&) = delete;
   ConfigClient& operator=(const ConfigClient&) = delete;
 
   bool isConnected() const;
+  // Nobody waits for the request's reply any more: the web server gave up
+  // while the client waited for its turn or for an answer. The client is
+  // spent, the lock let go; the caller ends the request.
+  bool abandoned() const;
 
   // "ls NAME". `value` receives the answer trimmed of white space at both
   // ends (also after a failure, when it keeps its previous contents). A name

@@ -7,12 +7,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "config_client/abandoned_reply.h"
-
 namespace {
-
-constexpr char kLockPath[] = "/tmp/cffs_uds.lock";
-constexpr char kQueuePath[] = "/tmp/cffs_uds.queue";
 
 // Opened for reading only: flock() needs no more, so a file that another
 // user created stays usable. No symbolic link is followed in the shared /tmp.
@@ -28,7 +23,7 @@ void onTick(int) {}
 // Blocks in flock() for an immediate hand-off, but a timer interrupts the
 // wait once a second to see whether anybody still waits for the request;
 // once nobody does, it gives up with ECANCELED.
-bool waitFor(int fd, int operation) {
+bool waitFor(int fd, int operation, int replyFd) {
   struct sigaction tick = {}, saved;
   tick.sa_handler = onTick;  // and no SA_RESTART, so that flock() returns
   sigemptyset(&tick.sa_mask);
@@ -37,7 +32,7 @@ bool waitFor(int fd, int operation) {
   ::setitimer(ITIMER_REAL, &everySecond, nullptr);
   int result;
   while ((result = ::flock(fd, operation)) != 0 && errno == EINTR) {
-    if (replyAbandoned()) {
+    if (replyAbandoned(replyFd)) {
       errno = ECANCELED;
       break;
     }
@@ -51,11 +46,11 @@ bool waitFor(int fd, int operation) {
 
 // Takes `operation` on `lock` once first in the queue: taken at once when
 // nobody queues and nobody is in the way, else after those ahead.
-bool takeInTurn(int lock, int queue, int operation) {
+bool takeInTurn(int lock, int queue, int operation, int replyFd) {
   if (::flock(queue, LOCK_EX | LOCK_NB) == 0 && ::flock(lock, operation | LOCK_NB) == 0) {
     return true;
   }
-  return waitFor(queue, LOCK_EX) && waitFor(lock, operation);
+  return waitFor(queue, LOCK_EX, replyFd) && waitFor(lock, operation, replyFd);
 }
 
 }  // namespace
@@ -63,14 +58,14 @@ bool takeInTurn(int lock, int queue, int operation) {
 bool DaemonLock::acquire(LockMode mode) {
   release();
   if (mode == LockMode::None) return true;
-  fd_ = openLockFile(kLockPath);
-  const int queue = fd_ < 0 ? -1 : openLockFile(kQueuePath);
+  fd_ = openLockFile(daemon_.lockPath);
+  const int queue = fd_ < 0 ? -1 : openLockFile(daemon_.queuePath);
   const bool taken =
-      queue >= 0 && takeInTurn(fd_, queue, mode == LockMode::Shared ? LOCK_SH : LOCK_EX);
+      queue >= 0 &&
+      takeInTurn(fd_, queue, mode == LockMode::Shared ? LOCK_SH : LOCK_EX, daemon_.replyFd);
   const int error = errno;
   if (queue >= 0) ::close(queue);  // and with it the place in the queue
   if (!taken) release();
-  if (!taken && error == ECANCELED) endAbandonedRequest();
   errno = error;
   return taken;
 }

@@ -9,11 +9,8 @@
 #include <algorithm>
 #include <string_view>
 
-#include "config_client/abandoned_reply.h"
-
 namespace {
 
-constexpr char kSocketPath[] = "/tmp/cffs_uds";
 constexpr std::string_view kPrompt = "/> ";
 constexpr size_t kChunkSize = 65536;
 constexpr size_t kGrowth = 8;
@@ -32,6 +29,8 @@ const char* messageOf(UdsStatus status) {
       return "UDS wait failed";
     case UdsStatus::ReadFailed:
       return "UDS read failed";
+    case UdsStatus::Abandoned:
+      return "Nobody waits for the reply";
   }
   return "";
 }
@@ -48,8 +47,13 @@ size_t findPrompt(std::string_view text, size_t from) {
 
 }  // namespace
 
-UdsConnection::UdsConnection(LockMode lock)
-    : fd_(-1), status_(UdsStatus::OpenFailed), savedErrno_(0), lockMode_(lock) {
+UdsConnection::UdsConnection(const DaemonSetup& daemon, LockMode lock)
+    : fd_(-1),
+      status_(UdsStatus::OpenFailed),
+      savedErrno_(0),
+      daemon_(daemon),
+      lockMode_(lock),
+      lock_(daemon) {
   open();
   std::string greeting;
   readReply(greeting);
@@ -71,7 +75,11 @@ void UdsConnection::open() {
   // Before connecting: a request that waits for the lock holds no
   // connection of the daemon's.
   if (!lock_.acquire(lockMode_)) {
-    setStatus(UdsStatus::OpenFailed, errno);
+    if (errno == ECANCELED) {
+      setStatus(UdsStatus::Abandoned, 0);
+    } else {
+      setStatus(UdsStatus::OpenFailed, errno);
+    }
     return;
   }
   fd_ = ::socket(AF_UNIX, SOCK_STREAM, 0);
@@ -82,7 +90,13 @@ void UdsConnection::open() {
   sockaddr_un address;
   memset(&address, 0, sizeof(address));
   address.sun_family = AF_UNIX;
-  memcpy(address.sun_path, kSocketPath, sizeof(kSocketPath));
+  const size_t length = strlen(daemon_.socketPath);
+  if (length >= sizeof(address.sun_path)) {
+    setStatus(UdsStatus::ConnectFailed, ENAMETOOLONG);
+    close();
+    return;
+  }
+  memcpy(address.sun_path, daemon_.socketPath, length + 1);
   if (::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) < 0) {
     setStatus(UdsStatus::ConnectFailed, errno);
     close();
@@ -116,40 +130,45 @@ bool UdsConnection::sendLine(std::string_view line) {
   return true;
 }
 
-// Sleeps until the daemon has sent something (true), or, unattended, until
-// the time limit has passed without a byte (false). An attended request
-// whose web server stops waiting ends here.
+// Sleeps until the daemon has sent something (true). False, with the status
+// set, when nobody waits for the reply any more, or, unattended, when the
+// time limit has passed without a byte.
 bool UdsConnection::awaitReply() {
   const bool attended = unattendedLimitMs_ < 0;
-  pollfd fds[2] = {{fd_, POLLIN, 0}, {attended ? kReplyFd : -1, 0, 0}};
+  pollfd fds[2] = {{fd_, POLLIN, 0}, {attended ? daemon_.replyFd : -1, 0, 0}};
   for (;;) {
     const int ready = ::poll(fds, 2, unattendedLimitMs_);
-    if (ready == 0) return false;
+    if (ready == 0) {
+      setStatus(UdsStatus::ReadFailed, ETIMEDOUT);
+      close();
+      return false;
+    }
     if (ready < 0) {
       if (errno == EINTR) continue;
       return true;  // recv() then blocks and reports what is wrong
     }
-    if (replyAbandoned(fds[1].revents)) endAbandoned();
+    if (readerGone(fds[1].revents)) return abandon();
     if (fds[1].revents & POLLNVAL) fds[1].fd = -1;  // no output at all to watch
     if (fds[0].revents != 0) return true;
   }
 }
 
-void UdsConnection::endAbandoned() {
+bool UdsConnection::abandon() {
+  setStatus(UdsStatus::Abandoned, 0);
   close();
   lock_.release();
-  endAbandonedRequest();
+  return false;
 }
 
 // A daemon that hung up can never finish the reply, so the request can
 // never go on: it lets the others have the lock, and sleeps (never spins on
 // the socket's end of file) until the web server gives up on it.
-void UdsConnection::awaitAbandonment() {
+bool UdsConnection::awaitAbandonment() {
   lock_.release();
-  pollfd reply = {kReplyFd, 0, 0};
+  pollfd reply = {daemon_.replyFd, 0, 0};
   for (;;) {
     if (::poll(&reply, 1, -1) < 0) continue;
-    if (replyAbandoned(reply.revents)) endAbandoned();
+    if (readerGone(reply.revents)) return abandon();
     if (reply.revents & POLLNVAL) reply.fd = -1;  // then only a signal ends us
   }
 }
@@ -159,11 +178,7 @@ bool UdsConnection::readReply(std::string& reply) {
   reply.clear();
   char buffer[kChunkSize];
   for (;;) {
-    if (!awaitReply()) {
-      setStatus(UdsStatus::ReadFailed, ETIMEDOUT);
-      close();
-      return false;
-    }
+    if (!awaitReply()) return false;
     ssize_t n = ::recv(fd_, buffer, kChunkSize, 0);
     if (n < 0) {
       setStatus(UdsStatus::ReadFailed, errno);
@@ -171,7 +186,7 @@ bool UdsConnection::readReply(std::string& reply) {
       return false;
     }
     if (n == 0) {
-      if (unattendedLimitMs_ < 0) awaitAbandonment();
+      if (unattendedLimitMs_ < 0) return awaitAbandonment();
       setStatus(UdsStatus::ReadFailed, 0);
       close();
       return false;

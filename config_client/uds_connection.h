@@ -1,6 +1,7 @@
-// Transport to the configuration daemon: one Unix-domain stream socket at
-// "/tmp/cffs_uds", a strictly lock-step dialogue of one request line (ended
-// by a carriage return) and one reply (ended by the prompt "/> ").
+// Transport to the configuration daemon: one Unix-domain stream socket (the
+// appliance's is "/tmp/cffs_uds"; daemon_setup.h), a strictly lock-step
+// dialogue of one request line (ended by a carriage return) and one reply
+// (ended by the prompt "/> ").
 //
 // Socket errors never throw: each operation records its outcome as a
 // UdsStatus plus the errno that came with it, and a failure closes the
@@ -8,10 +9,12 @@
 //
 // How long a reply is waited for depends on who waits for it:
 // - Attended (the request the web server runs, the default): for as long as
-//   the web server waits, that is, while it keeps its end of our standard
-//   output open; once it closes it, the request ends (abandoned_reply.h). A
-//   daemon that hangs up mid-reply can never finish it: the connection
-//   lets go of its lock and sleeps until the web server gives up.
+//   the web server waits, that is, while it keeps its end of the reply open
+//   (DaemonSetup::replyFd). Once it closes it, the exchange (or the wait for
+//   the lock) ends as UdsStatus::Abandoned, with the socket and the lock let
+//   go: ending the request is the caller's business. A daemon that hangs up
+//   mid-reply can never finish it: the connection lets go of its lock and
+//   sleeps until the web server gives up.
 // - Unattended (the detached child, which nobody waits for): a hang-up
 //   fails the exchange at once (UdsStatus::ReadFailed, no errno), and so
 //   does a daemon that sends nothing for the given time (ETIMEDOUT).
@@ -31,13 +34,15 @@ enum class UdsStatus : int {
   WriteFailed = 3,
   WaitFailed = 4,  // kept for the message table; nothing sets it
   ReadFailed = 5,
+  Abandoned = 6,  // nobody waits for the reply any more
 };
 
 class UdsConnection {
  public:
   // Takes the lock in `lock` mode (daemon_lock.h), connects and consumes the
-  // daemon's greeting. Check isOpen() afterwards.
-  explicit UdsConnection(LockMode lock = LockMode::None);
+  // daemon's greeting. Check isOpen() afterwards. `daemon`'s paths must
+  // outlive the connection.
+  explicit UdsConnection(const DaemonSetup& daemon, LockMode lock = LockMode::None);
   ~UdsConnection();
 
   UdsConnection(const UdsConnection&) = delete;
@@ -73,12 +78,13 @@ class UdsConnection {
  private:
   void setStatus(UdsStatus status, int error);
   bool awaitReply();
-  [[noreturn]] void awaitAbandonment();
-  [[noreturn]] void endAbandoned();  // with the socket and the lock let go
+  bool awaitAbandonment();
+  bool abandon();  // the socket and the lock let go; false
 
   int fd_;
   UdsStatus status_;
   int savedErrno_;
+  const DaemonSetup daemon_;
   const LockMode lockMode_;
   DaemonLock lock_;
   int unattendedLimitMs_ = -1;  // poll()'s time-out: -1 while attended

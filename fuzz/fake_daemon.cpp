@@ -2,16 +2,15 @@
 
 #include <errno.h>
 #include <poll.h>
-#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <random>
 
 namespace {
@@ -22,17 +21,27 @@ size_t sent = 0;  // of script.stream
 size_t answered = 0;
 std::minstd_rand chunks;
 int listener = -1;
+char folder[] = "/tmp/tzr-fuzz-XXXXXX";
+std::string socketPath, lockPath, queuePath;  // in `folder`
+DaemonSetup setup;
 
 }  // namespace
 
+const DaemonSetup& fakeDaemon() { return setup; }
+
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  sockaddr_un address{AF_UNIX, "/tmp/cffs_uds"};
+  if (mkdtemp(folder) == nullptr) abort();
+  socketPath = std::string(folder) + "/cffs_uds";
+  lockPath = socketPath + ".lock";
+  queuePath = socketPath + ".queue";
+  setup = {socketPath.c_str(), lockPath.c_str(), queuePath.c_str(), STDOUT_FILENO};
+  atexit([] { std::filesystem::remove_all(folder); });
+  sockaddr_un address{AF_UNIX, {}};
+  socketPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
   listener = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
-  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
-      bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+  if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
       listen(listener, 64) != 0 || freopen("/dev/null", "w", stdout) == nullptr) {
-    perror("fake daemon: private /tmp/cffs_uds");
+    perror("fake daemon: a socket in a private folder");
     abort();
   }
   setlogmask(LOG_MASK(LOG_EMERG));  // a level the program never logs at

@@ -51,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   input.env["CONTENT_LENGTH"] = length;
   playDaemon(answeringScript(in));
   try {
-    dispatchRequest(&input);
+    dispatchRequest(&input, fakeDaemon());
   } catch (const std::exception&) {
     // main() answers 500 to any exception, and that is all.
   }

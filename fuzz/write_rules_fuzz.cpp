@@ -10,7 +10,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string name = in.ConsumeRandomLengthString();
   std::string value = in.ConsumeRandomLengthString();
   playDaemon(answeringScript(in));
-  ConfigClient client;
+  ConfigClient client(fakeDaemon());
   try {
     std::string replies;
     client.put(collectChanges(client, name, value), replies);

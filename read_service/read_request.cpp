@@ -21,17 +21,18 @@ bool readValue(ConfigClient& client, const std::string& name, std::string& value
 
 }  // namespace
 
-void handleReadRequest(std::string names) {
+bool handleReadRequest(std::string names, const DaemonSetup& daemon) {
   // Shared with other reads: no write runs while the list is read.
-  ConfigClient client(LockMode::Shared);
+  ConfigClient client(daemon, LockMode::Shared);
+  if (client.abandoned()) return false;
   if (!client.isConnected()) {
     writeInternalServerError();
-    return;
+    return true;
   }
   if (names.empty()) {
     syslog(LOG_ERR, "No parameter names in read request");
     writeBadRequest();
-    return;
+    return true;
   }
   writeJsonHeader();
   // The headers leave before the dialogue: should the daemon never answer,
@@ -48,6 +49,7 @@ void handleReadRequest(std::string names) {
     if (end == begin) continue;
     name.assign(names, begin, end - begin);
     if (!readValue(client, name, value)) {
+      if (client.abandoned()) return false;
       invalid.emplace_back(names.data() + begin, end - begin);
       continue;
     }
@@ -61,7 +63,9 @@ void handleReadRequest(std::string names) {
 
   if (!invalid.empty()) {
     writeText(memberWritten ? ", \"invalid\": " : "{ \"invalid\": ");
-    // The names go out as the browser sent them, unescaped.
+    // The names go out as the browser sent them, unescaped, on purpose: a
+    // quote or backslash in one makes the reply invalid JSON, which the
+    // console reports as such.
     for (size_t i = 0; i < invalid.size(); ++i) {
       writeText(i == 0 ? "[ \"" : ", \"");
       writeText(invalid[i]);
@@ -71,4 +75,5 @@ void handleReadRequest(std::string names) {
     memberWritten = true;
   }
   if (memberWritten) writeText(" }\n");
+  return true;
 }

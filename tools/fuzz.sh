@@ -2,8 +2,8 @@
 # Builds the libFuzzer targets (fuzz/) with clang into build-fuzz/, runs each
 # for SECONDS (default 60) over a scratch copy of its seed corpus, then
 # replays its kept regression inputs. Fails on any crash, sanitizer report,
-# leak, time-out or out-of-memory. Needs root: the targets mount a private
-# /tmp. Usage: tools/fuzz.sh [SECONDS_PER_TARGET [TARGET...]]
+# leak, time-out or out-of-memory. Needs root only to install what is
+# missing. Usage: tools/fuzz.sh [SECONDS_PER_TARGET [TARGET...]]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}

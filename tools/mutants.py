@@ -5,6 +5,9 @@ suite. Builds in build-mutants/ and restores every file, also when stopped.
 
   tools/mutants.py            every mutant
   tools/mutants.py frame      only those whose file or text contains "frame"
+  tools/mutants.py --unit     against the unit tier alone (ctest -L unit), as
+                              any user and in seconds a mutant: which faults
+                              the in-process tests catch without the binary
 """
 import re
 import subprocess
@@ -17,6 +20,9 @@ BUILD = ROOT / "build-mutants"
 # (no fault of the program's changes that) and would double each run; its
 # rows run behind busybox httpd too.
 CTEST = ["ctest", "-j2", "--timeout", "60", "-E", "web.server.lighttpd"]
+UNIT = "--unit" in sys.argv[1:]
+if UNIT:
+    CTEST = ["ctest", "-j2", "--timeout", "60", "-L", "unit"]
 
 # (file, text as it stands, text with the fault); the first occurrence changes.
 MUTANTS = [
@@ -86,17 +92,24 @@ MUTANTS = [
     ("read_service/read_request.cpp", "  flushReply();\n", ""),
     # Requests that meet, and a daemon that misbehaves.
     ("config_client/config_client.cpp", ' &&\n         value.find("/> ") == std::string::npos', ""),
-    ("write_service/write_request.cpp", "client(LockMode::Exclusive)", "client(LockMode::Shared)"),
-    ("read_service/read_request.cpp", "client(LockMode::Shared)", "client"),
+    ("write_service/write_request.cpp", "client(daemon, LockMode::Exclusive)", "client(daemon, LockMode::Shared)"),
+    ("read_service/read_request.cpp", "client(daemon, LockMode::Shared)", "client(daemon)"),
     ("write_service/write_request.cpp", "  client.releaseLock();\n", ""),
-    ("config_client/daemon_lock.cpp", "waitFor(queue, LOCK_EX) && ", ""),
+    ("config_client/daemon_lock.cpp", "waitFor(queue, LOCK_EX, replyFd) && ", ""),
     ("config_client/daemon_lock.cpp", "::flock(queue, LOCK_EX | LOCK_NB) == 0 && ", ""),
-    ("config_client/daemon_lock.cpp", "if (replyAbandoned()) {", "if (false) {"),
+    ("config_client/daemon_lock.cpp", "if (replyAbandoned(replyFd)) {", "if (replyAbandoned(replyFd) && false) {"),
     ("config_client/uds_connection.cpp", "  lock_.release();\n  pollfd", "  pollfd"),
-    ("config_client/uds_connection.cpp", "if (replyAbandoned(fds[1].revents))", "if (false)"),
-    ("config_client/uds_connection.cpp", "if (replyAbandoned(reply.revents))", "if (false)"),
-    ("config_client/uds_connection.cpp", "if (unattendedLimitMs_ < 0) awaitAbandonment();",
-     "awaitAbandonment();"),
+    ("config_client/uds_connection.cpp", "if (readerGone(fds[1].revents))", "if (false)"),
+    ("config_client/uds_connection.cpp", "if (readerGone(reply.revents))", "if (false)"),
+    ("config_client/uds_connection.cpp", "if (unattendedLimitMs_ < 0) return awaitAbandonment();",
+     "return awaitAbandonment();"),
+    ("config_client/uds_connection.cpp", "setStatus(UdsStatus::Abandoned, 0);\n    } else {",
+     "setStatus(UdsStatus::OpenFailed, ECANCELED);\n    } else {"),
+    ("read_service/read_request.cpp", "      if (client.abandoned()) return false;\n", ""),
+    ("write_service/write_request.cpp", "  if (client.abandoned()) return false;  // also", "  // also"),
+    ("config_client/uds_connection.cpp", "  close();\n  lock_.release();\n  return false;",
+     "  close();\n  return false;"),
+    ("config_client/daemon_lock.cpp", "mode == LockMode::Shared ? LOCK_SH", "mode == LockMode::Shared ? LOCK_EX"),
     ("write_service/write_request.cpp", "if (detach()) client.setUnattended", "if (detach()) (void)"),
 ]
 
@@ -133,8 +146,8 @@ def run(command):
 
 
 def main():
-    chosen = [m for m in MUTANTS if not sys.argv[1:] or any(
-        word in m[0] or word in m[1] for word in sys.argv[1:])]
+    words = [word for word in sys.argv[1:] if word != "--unit"]
+    chosen = [m for m in MUTANTS if not words or any(word in m[0] or word in m[1] for word in words)]
     BUILD.mkdir(exist_ok=True)
     if run(["cmake", "-S", ROOT, "-B", BUILD, "-DCMAKE_BUILD_TYPE=Debug"]) or run(
             ["cmake", "--build", BUILD, "-j2"]) or run(CTEST):

@@ -7,11 +7,12 @@ on /tmp (so /tmp/cffs_uds is its alone, never a developer's daemon) and a
 /dev of its own whose /dev/log it drains; it also becomes a child subreaper,
 so the program's detached children come back to it.
 
-  tools/sandbox.py run COMMAND [ARGUMENT...]
+  tools/sandbox.py run [--keep FOLDER]... COMMAND [ARGUMENT...]
 
-runs COMMAND so (ctest starts each C++ test program this way). The attribute
-survives exec, also into qemu-user, which cannot set it for the program it
-emulates. COMMAND finds TZR_SANDBOX set.
+runs COMMAND so (ctest starts each end-to-end test program this way), with
+each FOLDER under /tmp (a build folder there) still in place in the private
+/tmp. The attribute survives exec, also into qemu-user, which cannot set it
+for the program it emulates. COMMAND finds TZR_SANDBOX set.
 """
 import contextlib
 import ctypes
@@ -39,13 +40,26 @@ def _check(ok, what):
         sys.exit(f"sandbox: {what}: {os.strerror(ctypes.get_errno())} (run as root)")
 
 
-def enter():
+def enter(keep=()):
+    """KEEP: folders under /tmp that stay visible in the private one (a
+    build folder there), besides the sources."""
+    keep = [Path(folder).resolve() for folder in (*keep, SRC)]
+    if Path("/tmp") in keep:
+        sys.exit("sandbox: a build folder cannot be /tmp itself: its /tmp must be private")
+    keep = [folder for folder in keep if Path("/tmp") in folder.parents]
     _check(LIBC.unshare(CLONE_NEWNS) == 0, "unshare")
     mounts = [(b"none", b"/", None, MS_REC | MS_PRIVATE), (b"tmpfs", b"/tmp", b"tmpfs", 0),
               (b"/dev", b"/tmp/.dev", None, MS_BIND | MS_REC), (b"tmpfs", b"/dev", b"tmpfs", 0)]
     for source, target, kind, flags in mounts:
+        if target == b"/tmp":  # the folders to keep, reached once /tmp is covered
+            old_tmp = os.open("/tmp", os.O_PATH)
         os.makedirs(target, exist_ok=True)
         _check(LIBC.mount(source, target, kind, flags, None) == 0, f"mount {target}")
+    for folder in keep:
+        folder.mkdir(parents=True, exist_ok=True)
+        source = f"/proc/self/fd/{old_tmp}/{folder.relative_to('/tmp')}".encode()
+        _check(LIBC.mount(source, str(folder).encode(), None, MS_BIND | MS_REC, None) == 0, f"bind {folder}")
+    os.close(old_tmp)
     for name in ("null", "zero", "random", "urandom"):
         Path("/dev", name).touch()
         _check(LIBC.mount(b"/tmp/.dev/" + name.encode(), b"/dev/" + name.encode(), None, MS_BIND,
@@ -189,8 +203,14 @@ def busybox(port, password, www="/tmp/www", networks=("127.0.0.1",)):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) < 3 or sys.argv[1] != "run":
-        sys.exit("usage: tools/sandbox.py run COMMAND [ARGUMENT...]")
-    enter()
+    args, keep = sys.argv[2:], []
+    while args[:1] == ["--keep"] and len(args) > 1:
+        keep, args = keep + [args[1]], args[2:]
+    if sys.argv[1:2] != ["run"] or not args:
+        sys.exit("usage: tools/sandbox.py run [--keep FOLDER]... COMMAND [ARGUMENT...]")
+    # ctest lists a test program's tests whichever it runs (ctest -L unit as
+    # any user too): that needs no sandbox.
+    if "--gtest_list_tests" not in args:
+        enter(keep)
     os.environ["TZR_SANDBOX"] = "1"
-    os.execvp(sys.argv[2], sys.argv[2:])
+    os.execvp(args[0], args)

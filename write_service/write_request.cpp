@@ -76,13 +76,14 @@ constexpr std::chrono::minutes kChildPatience(5);
 
 }  // namespace
 
-void handleWriteRequest(ParameterPath name, std::string value) {
+bool handleWriteRequest(ParameterPath name, std::string value, const DaemonSetup& daemon) {
   // Held alone from before the rules' first read to after the last put: two
   // writes that met would each compute from the other's old values.
-  ConfigClient client(LockMode::Exclusive);
+  ConfigClient client(daemon, LockMode::Exclusive);
+  if (client.abandoned()) return false;
   if (!client.isConnected()) {
     writeInternalServerError();
-    return;
+    return true;
   }
   std::string reply;
   syslog(LOG_INFO, "Setting parameter %s to %s", name.c_str(), value.c_str());
@@ -90,6 +91,7 @@ void handleWriteRequest(ParameterPath name, std::string value) {
 
   const ChangeSet changes = collectChanges(client, name, value);
   bool stored = client.put(changes, reply);
+  if (client.abandoned()) return false;  // also during the rules' reads
   client.releaseLock();
   writeReply(stored, name, value, reply);
   if (detach()) client.setUnattended(kChildPatience);
@@ -97,8 +99,11 @@ void handleWriteRequest(ParameterPath name, std::string value) {
   // After a failed put the connection is closed: apply and save send
   // nothing, and the put's answer is logged again under their labels.
   client.apply(reply);
+  if (client.abandoned()) return false;  // only where fork failed: the child is unattended
   if (!reply.empty()) syslog(LOG_INFO, "Reply from \"apply\": %s", reply.c_str());
   client.save(reply);
+  if (client.abandoned()) return false;
   if (!reply.empty()) syslog(LOG_INFO, "Reply from \"save\": %s", reply.c_str());
   syslog(LOG_INFO, "Applied and saved the parameter settings");
+  return true;
 }

@@ -10,14 +10,22 @@
 //
 // Whenever the daemon was reached, the process the web server started ends
 // here with exit(0) once its reply is flushed; only the child (or, when fork
-// fails, the process itself) returns.
+// fails, the process itself) returns. It returns false, having written and
+// logged no more, once nobody waits for the reply (the web server gave up
+// while the request waited on the daemon or for its turn): the caller ends
+// the request without a word.
+//
+// The last log line, "Applied and saved the parameter settings", is written
+// whether or not apply and save succeeded: their replies are logged before
+// it, and nobody is left to tell of a failure.
 #ifndef TZR_WRITE_SERVICE_WRITE_REQUEST_H_
 #define TZR_WRITE_SERVICE_WRITE_REQUEST_H_
 
 #include <string>
 
+#include "config_client/daemon_setup.h"
 #include "config_client/parameter_map.h"
 
-void handleWriteRequest(ParameterPath name, std::string value);
+bool handleWriteRequest(ParameterPath name, std::string value, const DaemonSetup& daemon);
 
 #endif  // TZR_WRITE_SERVICE_WRITE_REQUEST_H_

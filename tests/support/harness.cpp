@@ -7,7 +7,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -20,10 +19,7 @@
 #include <iterator>
 #include <map>
 #include <sstream>
-#include <stdexcept>
 #include <thread>
-
-#include "cffs_sim/tree.h"
 
 namespace {
 
@@ -31,30 +27,6 @@ void check(bool ok, const char* what) {
   if (ok) return;
   fprintf(stderr, "test harness: %s: %s\n", what, strerror(errno));
   abort();
-}
-
-std::string readFile(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
-
-ParameterMap treeIn(const std::string& path) { return parseTree(readFile(path)); }
-
-// A cross build's programs run through the emulator, and the program may run
-// under a checker such as valgrind (TZR_CGI_WRAPPER).
-[[noreturn]] void execTarget(const char* program, Strings arguments, char** envp,
-                             const char* wrapper = "") {
-  Strings command;
-  std::istringstream words(std::string(wrapper ? wrapper : "") + " " + TZR_EMULATOR);
-  for (std::string word; words >> word;) command.push_back(word);
-  command.push_back(program);
-  command.insert(command.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argv;
-  for (std::string& word : command) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  execvpe(argv[0], argv.data(), envp);
-  _exit(127);
 }
 
 [[noreturn]] void execCgi(const CgiRequest& request, int in, int out) {
@@ -88,7 +60,17 @@ ParameterMap treeIn(const std::string& path) { return parseTree(readFile(path));
   for (const auto& [name, value] : variables) env.push_back(name + "=" + value);
   for (std::string& entry : env) envp.push_back(entry.data());
   envp.push_back(nullptr);
-  execTarget(TZR_CGI_PATH, {}, envp.data(), getenv("TZR_CGI_WRAPPER"));
+  // A cross build's program runs through the emulator, and it may run under a
+  // checker such as valgrind (TZR_CGI_WRAPPER).
+  const char* wrapper = getenv("TZR_CGI_WRAPPER");
+  std::istringstream words(std::string(wrapper ? wrapper : "") + " " + TZR_EMULATOR);
+  Strings command{std::istream_iterator<std::string>(words), {}};
+  command.push_back(TZR_CGI_PATH);
+  std::vector<char*> argv;
+  for (std::string& word : command) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  execvpe(argv[0], argv.data(), envp.data());
+  _exit(127);
 }
 
 // Outside its sandbox a test would meet the machine's own daemon and syslog.
@@ -96,20 +78,12 @@ struct Sandboxed : testing::Environment {
   void SetUp() override {
     errno = EPERM;
     check(getenv("TZR_SANDBOX") != nullptr, "run me through tools/sandbox.py run (ctest does)");
+    umask(0);  // what the harness makes is open to a program run as user nobody
   }
 };
 testing::Environment* const kSandboxed = testing::AddGlobalTestEnvironment(new Sandboxed);
 
 }  // namespace
-
-bool waitUntil(const std::function<bool()>& done, Millis limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(Millis(1));
-  }
-  return true;
-}
 
 std::vector<pid_t> children() {
   // An orphan may be handed to any thread of a subreaper: ask every one.
@@ -133,13 +107,12 @@ bool asleep(pid_t pid) {
   return before >= 0 && after >= 0 && after - before <= 1;
 }
 
-bool reapAllChildren(pid_t keep, Millis limit) {
+bool reapAllChildren(Millis limit) {
   return waitUntil(
-      [keep] {
+      [] {
         while (waitpid(-1, nullptr, WNOHANG) > 0) {
         }
-        const std::vector<pid_t> left = children();
-        return left.empty() || left == std::vector<pid_t>{keep};
+        return children().empty();
       },
       forProgram(limit));
 }
@@ -188,46 +161,10 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
   return result;
 }
 
-ParameterMap defaultTree() { return treeIn(TZR_DEFAULT_CONFIG); }
-
-Simulator::Simulator(const ParameterMap& tree, Strings arguments) {
-  char pattern[] = "/tmp/sim-XXXXXX";
-  directory_ = mkdtemp(pattern);
-  std::ofstream(directory_ + "/tree.conf", std::ios::binary) << formatTree(tree);
-  arguments.insert(arguments.begin(), {"--config", directory_ + "/tree.conf", "--transcript",
-                                       directory_ + "/transcript"});
-  int ready[2];
-  check(pipe2(ready, O_CLOEXEC) == 0, "pipe");
-  pid_ = fork();
-  if (pid_ == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGTERM);  // never outlive the test
-    dup2(ready[1], 1);
-    execTarget(TZR_SIM_PATH, arguments, environ);
-  }
-  close(ready[1]);
-  // "ready" once it listens; end of file if it could not start.
-  char line[7] = {};
-  bool started = read(ready[0], line, 6) == 6 && line == std::string("ready\n");
-  close(ready[0]);
-  if (!started) throw std::runtime_error("simulator did not start");
-  chmod("/tmp/cffs_uds", 0777);  // for a program run as nobody
+Strings fixedSocket(Strings arguments) {
+  arguments.insert(arguments.begin(), {"--socket", "/tmp/cffs_uds"});
+  return arguments;
 }
-
-Simulator::~Simulator() {
-  kill(pid_, SIGTERM);
-  waitpid(pid_, nullptr, 0);
-}
-
-Strings Simulator::transcript(bool reads) const {
-  Strings requests;
-  std::istringstream text(readFile(directory_ + "/transcript"));
-  for (std::string line; std::getline(text, line);) {
-    if (reads || line.compare(0, 3, "ls ") != 0) requests.push_back(line);
-  }
-  return requests;
-}
-
-ParameterMap Simulator::savedTree() const { return treeIn(directory_ + "/tree.conf"); }
 
 SyslogCapture::SyslogCapture() : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
   sockaddr_un address = {AF_UNIX, "/dev/log"};

@@ -1,31 +1,21 @@
-// What the tests run the program and its daemon in. ctest starts each test
-// program in a sandbox of its own (tools/sandbox.py run): its own /tmp, so
-// "/tmp/cffs_uds" is ours alone, its own /dev/log, and as a child subreaper,
-// so detached children come back to it. Started any other way, it stops.
+// What the end-to-end tests run the shipped program and its daemon in. ctest
+// starts each such test program in a sandbox of its own (tools/sandbox.py
+// run, as root): its own /tmp, so "/tmp/cffs_uds", the program's fixed
+// socket, is ours alone, its own /dev/log, and as a child subreaper, so
+// detached children come back to it. Started any other way, it stops. The
+// simulator runs in the test's own process.
 #ifndef TZR_TESTS_SUPPORT_HARNESS_H_
 #define TZR_TESTS_SUPPORT_HARNESS_H_
 
-#include <sys/types.h>
-
-#include <chrono>
-#include <functional>
-#include <string>
 #include <utility>
-#include <vector>
 
-#include "config_client/parameter_map.h"
-
-using Strings = std::vector<std::string>;
-using Millis = std::chrono::milliseconds;
-
-// Checks `done` every millisecond until it holds or `limit` has passed.
-bool waitUntil(const std::function<bool()>& done, Millis limit = Millis(5000));
+#include "support/sim_daemon.h"
 
 // Live or unreaped children, detached ones included.
 std::vector<pid_t> children();
 
-// Reaps children as they end; true once none but `keep` is left in `limit`.
-bool reapAllChildren(pid_t keep = 0, Millis limit = Millis(5000));
+// Reaps children as they end; true once none is left in `limit`.
+bool reapAllChildren(Millis limit = Millis(5000));
 
 // Whether `pid` takes no CPU time over a tenth of a second (no spinning wait).
 bool asleep(pid_t pid);
@@ -58,25 +48,9 @@ struct CgiRequest {
 // The server gives up when the output has not ended within `limit`.
 CgiResult runCgi(const CgiRequest& request, Millis limit = Millis(5000));
 
-// The default appliance configuration shipped with the simulator.
-ParameterMap defaultTree();
-
-// The daemon simulator on "/tmp/cffs_uds", with arguments such as faults.
-class Simulator {
- public:
-  explicit Simulator(const ParameterMap& tree, Strings arguments = {});
-  ~Simulator();
-
-  // The requests received, escaped as recorded: "save" arrives as save\r;
-  // without the reads ("ls ...") unless `reads`.
-  Strings transcript(bool reads = true) const;
-  ParameterMap savedTree() const;
-  pid_t pid() const { return pid_; }
-
- private:
-  std::string directory_;  // tree.conf, transcript
-  pid_t pid_;
-};
+// The simulator's `arguments` (such as faults) on the program's own socket,
+// "/tmp/cffs_uds": InProcessSimulator sim(tree, fixedSocket({...})).
+Strings fixedSocket(Strings arguments = {});
 
 // (priority, message) pairs, e.g. (LOG_USER | LOG_INFO, "Setting ...").
 using Log = std::vector<std::pair<int, std::string>>;

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/harness.h"
+#include "support/sim_daemon.h"
 
 namespace {
 
@@ -11,8 +11,8 @@ const ParameterMap kTree = {{"/a", " \t spaced  out \r"}, {"/b", "2"}};
 // A CR, LF or NUL in a name would pass the rest off as a command of its own:
 // such reads are refused, sending nothing, and the connection goes on.
 TEST(ConfigClientTest, GetTrimsAnswersAndRefusesUnframableNames) {
-  Simulator sim(kTree);
-  ConfigClient client;
+  SimDaemon sim(kTree);
+  ConfigClient client(sim.setup());
   const std::tuple<std::string, bool, std::string> rows[] = {
       {"/a", true, "spaced  out"},
       {"/none", true, "No such file or directory"},
@@ -33,8 +33,8 @@ TEST(ConfigClientTest, GetTrimsAnswersAndRefusesUnframableNames) {
 // value and an empty name included. (What cannot go out is refused whole: see
 // the write requests of e2e/.)
 TEST(ConfigClientTest, PutSendsTheSetInByteOrderOfNames) {
-  Simulator sim(kTree);
-  ConfigClient client;
+  SimDaemon sim(kTree);
+  ConfigClient client(sim.setup());
   std::string replies = "old";
   EXPECT_TRUE(client.put(ParameterMap{}, replies));
   EXPECT_EQ("", replies);

@@ -6,7 +6,7 @@
 
 #include <stdexcept>
 
-#include "support/harness.h"
+#include "support/sim_daemon.h"
 
 namespace {
 
@@ -58,10 +58,10 @@ TEST(TriggeredRuleTest, AtMostOneRuleByTheWrittenName) {
       {kNet + "ip_addr2", "10.0.0.5", {}},
       {kNet + "gateway", "10.0.0.5", {}},
   };
-  Simulator daemon(tree);
+  SimDaemon daemon(tree);
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name + " = " + row.value);
-    ConfigClient client;
+    ConfigClient client(daemon.setup());
     ChangeSet changes;
     if (row.throws) {
       EXPECT_THROW(applyTriggeredRule(client, changes, row.name, row.value), std::out_of_range);

@@ -1,18 +1,23 @@
+// The client's way to the daemon: the transport, and the lock giving turns.
 #include "config_client/uds_connection.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <memory>
+#include <atomic>
+#include <functional>
 #include <thread>
 
-#include "support/harness.h"
+#include "support/sim_daemon.h"
 
 namespace {
 
@@ -27,8 +32,8 @@ TEST(UdsConnectionTest, ExchangesRequestsAndReplies) {
   for (const Strings& arguments : {Strings{}, Strings{"--trailer", "junk/> "},
                                    Strings{"--chunk", "1", "--chunk-gap-ms", "1"}}) {
     SCOPED_TRACE(testing::PrintToString(arguments));
-    Simulator sim(kTree, arguments);
-    UdsConnection connection;
+    SimDaemon sim(kTree, arguments);
+    UdsConnection connection(sim.setup());
     EXPECT_EQ("Ready", connection.statusText());
     EXPECT_TRUE(connection.sendLine(""));  // sends nothing
     std::string reply;
@@ -41,69 +46,168 @@ TEST(UdsConnectionTest, ExchangesRequestsAndReplies) {
   }
 }
 
+// A daemon that greets and hangs up at once, on `path`.
+std::thread greetAndHangUp(const std::string& path) {
+  int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address = {AF_UNIX, {}};
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  EXPECT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address));
+  EXPECT_EQ(0, listen(listener, 1));
+  return std::thread([listener] {
+    const int peer = accept(listener, nullptr, nullptr);
+    send(peer, "/> ", 3, 0);
+    close(peer);
+    close(listener);
+  });
+}
+
+// Whether another request could have the lock at once (none without its file).
+bool lockIsFree(const DaemonSetup& setup) {
+  const int fd = open(setup.lockPath, O_RDONLY | O_CLOEXEC);
+  const bool free = fd < 0 || flock(fd, LOCK_EX | LOCK_NB) == 0;
+  close(fd);
+  return free;
+}
+
 // Every failure closes the connection for good: later exchanges fail without
 // touching their reply; a daemon gone is an error, never a SIGPIPE. Unattended,
-// a hang-up or a silent daemon fails the exchange too.
+// a hang-up or a silent daemon fails the exchange too; attended, so does the
+// web server giving up (Abandoned, ending nothing), after a hang-up once the lock is let go.
 TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
+  const std::string messages[] = {
+      "Ready",           "UDS open failed", "UDS connect failed",        "UDS write failed",
+      "UDS wait failed", "UDS read failed", "Nobody waits for the reply"};
   signal(SIGPIPE, SIG_DFL);
   rlimit limit;
   getrlimit(RLIMIT_NOFILE, &limit);
+  const Strings silent = {"--delay-command", "ls", "--delay-ms", "5000"},
+                hangUp = {"--hangup-at", "1"};
   const struct {
-    Strings daemon;  // the simulator's arguments, if one runs
+    const char* what;
+    Strings daemon;  // the simulator's arguments
     UdsStatus status;
     int error;
-    std::string text;
     bool unattended = false;
-  } rows[] = {{{}, UdsStatus::ConnectFailed, ENOENT, "UDS connect failed"},
-              {{"--no-listen"}, UdsStatus::ConnectFailed, ECONNREFUSED, "UDS connect failed"},
-              {{}, UdsStatus::OpenFailed, EMFILE, "UDS open failed"},  // no descriptor left
-              {{}, UdsStatus::OpenFailed, ELOOP, "UDS open failed"},   // a link for a lock file
-              {{"--reset-at", "1"}, UdsStatus::ReadFailed, ECONNRESET, "UDS read failed"},
-              {{}, UdsStatus::WriteFailed, EPIPE, "UDS write failed"},  // greets, hangs up
-              {{"--hangup-at", "1"}, UdsStatus::ReadFailed, 0, "UDS read failed", true},
-              {{"--delay-command", "ls", "--delay-ms", "60000"},
-               UdsStatus::ReadFailed,
-               ETIMEDOUT,
-               "UDS read failed",
-               true}};
+    bool givenUp = false;       // the web server gave up on the request
+    bool givenUpLater = false;  // once the request has let go of the lock
+  } rows[] = {{"no daemon", {}, UdsStatus::ConnectFailed, ENOENT},
+              {"not listening", {"--no-listen"}, UdsStatus::ConnectFailed, ECONNREFUSED},
+              {"no descriptor left", {}, UdsStatus::OpenFailed, EMFILE},
+              {"a link for a lock file", {}, UdsStatus::OpenFailed, ELOOP},
+              {"reset", {"--reset-at", "1"}, UdsStatus::ReadFailed, ECONNRESET},
+              {"greets, hangs up", {}, UdsStatus::WriteFailed, EPIPE},
+              {"unattended hang-up", hangUp, UdsStatus::ReadFailed, 0, true},
+              {"unattended, silent", silent, UdsStatus::ReadFailed, ETIMEDOUT, true},
+              {"given up while the daemon is silent", silent, UdsStatus::Abandoned, 0, false, true},
+              {"given up, unattended", silent, UdsStatus::ReadFailed, ETIMEDOUT, true, true},
+              {"given up after a hang-up", hangUp, UdsStatus::Abandoned, 0, false, false, true}};
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.text + " " + strerror(row.error));
-    std::unique_ptr<Simulator> sim(row.daemon.empty() ? nullptr : new Simulator(kTree, row.daemon));
-    std::thread daemon;
-    if (row.error == EPIPE) {
-      int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-      sockaddr_un address = {AF_UNIX, "/tmp/cffs_uds"};
-      ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address));
-      ASSERT_EQ(0, listen(listener, 1));
-      daemon = std::thread([listener] {
-        const int peer = accept(listener, nullptr, nullptr);
-        send(peer, "/> ", 3, 0);
-        close(peer);
-        close(listener);
-        unlink("/tmp/cffs_uds");
-      });
-    }
+    SCOPED_TRACE(row.what);
+    SimDaemon sim(kTree, row.daemon);
+    ReplyPipe reply;
+    DaemonSetup setup = sim.setup(reply.ends[1]);
+    const std::string elsewhere = std::string(setup.socketPath) + ".elsewhere";
+    if (row.error == ENOENT || row.error == EPIPE) setup.socketPath = elsewhere.c_str();
+    std::thread daemon = row.error == EPIPE ? greetAndHangUp(elsewhere) : std::thread();
     // The lowest free descriptor as the limit leaves no room for the socket.
     rlimit low = {static_cast<rlim_t>(dup(0)), limit.rlim_max};
     close(static_cast<int>(low.rlim_cur));
     if (row.error == EMFILE) setrlimit(RLIMIT_NOFILE, &low);
-    if (row.error == ELOOP) symlink("/nowhere", "/tmp/cffs_uds.lock");
-    UdsConnection connection(row.error == ELOOP ? LockMode::Shared : LockMode::None);
+    if (row.error == ELOOP) symlink("/nowhere", setup.lockPath);
+    UdsConnection connection(setup, LockMode::Shared);
     setrlimit(RLIMIT_NOFILE, &limit);
-    unlink("/tmp/cffs_uds.lock");
     if (daemon.joinable()) daemon.join();
     if (row.unattended) connection.setUnattended(Millis(50));
-    std::string reply = "kept";
-    EXPECT_FALSE(connection.isOpen() && connection.execute("ls /a", reply));
+    if (row.givenUp) reply.giveUp();
+    std::thread server = !row.givenUpLater ? std::thread() : std::thread([&] {
+      EXPECT_TRUE(waitUntil([&] { return lockIsFree(setup); }));
+      reply.giveUp();
+    });
+    std::string text = "kept";
+    EXPECT_FALSE(connection.isOpen() && connection.execute("ls /a", text));
+    if (server.joinable()) server.join();
     EXPECT_EQ(row.status, connection.status());
     EXPECT_EQ(row.error, connection.savedErrno());
-    EXPECT_EQ(row.error ? row.text + ": " + strerror(row.error) : row.text,
-              connection.statusText());
+    const std::string error = row.error ? std::string(": ") + strerror(row.error) : "";
+    EXPECT_EQ(messages[static_cast<int>(row.status)] + error, connection.statusText());
     EXPECT_FALSE(connection.isOpen());
-    reply = "kept";
-    EXPECT_FALSE(connection.execute("ls /a", reply));
-    EXPECT_FALSE(connection.readReply(reply));
-    EXPECT_EQ("kept", reply);
+    if (connection.isOpen()) continue;
+    text = "kept";
+    EXPECT_FALSE(connection.execute("ls /a", text));
+    EXPECT_FALSE(connection.readReply(text));
+    EXPECT_EQ("kept", text);
+  }
+}
+
+// The lock's modes and turns, for requests that meet. A request that would
+// wait is told apart from one that takes the lock at once by giving up on it
+// first: it then returns false with ECANCELED instead of waiting.
+void onTick(int) {}
+
+// Runs `ask`, which may wait for the lock, for a request given up on. Its wait
+// looks whether anybody waits whenever a signal interrupts it: every
+// millisecond here, not every second; after five seconds `letGo` ends it.
+template <typename Ask>
+auto givenUp(Ask ask, const std::function<void()>& letGo) {
+  struct sigaction tick = {};
+  tick.sa_handler = onTick;
+  sigaction(SIGALRM, &tick, nullptr);
+  std::atomic<bool> done = false;
+  const pthread_t asker = pthread_self();
+  std::thread waker([&] {
+    if (!waitUntil([&] { return pthread_kill(asker, SIGALRM), done.load(); })) letGo();
+  });
+  const auto result = ask();
+  done = true;
+  waker.join();
+  return result;
+}
+
+// A write waits for the reads under way, but the reads that come after it
+// wait for the write (which holds the queue while it waits): a steady stream
+// of reads cannot starve a write.
+TEST(DaemonLockTest, ModesAndTurns) {
+  const LockMode none = LockMode::None, shared = LockMode::Shared, exclusive = LockMode::Exclusive;
+  const struct {
+    const char* what;
+    LockMode held;  // by another request
+    LockMode asked;
+    bool taken;
+    bool queued = false;      // another request waits for its turn
+    bool connection = false;  // a connection asks: its status says
+  } rows[] = {{"alone", none, exclusive, true},
+              {"reads share", shared, shared, true},
+              {"a write waits for a read", shared, exclusive, false},
+              {"a read waits for a write", exclusive, shared, false},
+              {"a write waits for a write", exclusive, exclusive, false},
+              {"a read waits behind a queued write", shared, shared, false, true},
+              {"nothing asked, nothing waited for", exclusive, none, true, true},
+              {"a connection in line: Abandoned", exclusive, shared, false, false, true}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    SimDaemon sim({});
+    ReplyPipe reply;
+    DaemonLock other(sim.setup());
+    ASSERT_TRUE(other.acquire(row.held));
+    int queue = row.queued ? open(sim.setup().queuePath, O_RDONLY | O_CLOEXEC) : -1;
+    EXPECT_EQ(0, row.queued ? flock(queue, LOCK_EX) : 0);
+    reply.giveUp();
+    const auto taken = [&] {  // at once, or it gave up with ECANCELED
+      if (row.connection) {
+        return UdsConnection(sim.setup(reply.ends[1]), row.asked).status() != UdsStatus::Abandoned;
+      }
+      DaemonLock lock(sim.setup(reply.ends[1]));
+      errno = 0;
+      const bool taken = lock.acquire(row.asked);
+      EXPECT_EQ(taken ? errno : ECANCELED, errno);
+      return taken;
+    };
+    EXPECT_EQ(row.taken, givenUp(taken, [&] {
+                other.release();
+                close(queue);
+                queue = -1;
+              }));
+    if (queue >= 0) close(queue);
   }
 }
 

@@ -17,7 +17,7 @@ class InstallTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         webenv.isolate("192.0.2.10")  # port 80 of a network of its own
-        subprocess.run(["cpack", "-G", "TGZ", "-B", "/tmp/package"], cwd=Path(webenv.CGI).parent, check=True,
+        subprocess.run(["cpack", "-G", "TGZ", "-B", "/tmp/package"], cwd=Path(sys.argv[1]).resolve().parent, check=True,
                        capture_output=True)
         with tarfile.open(next(Path("/tmp/package").glob("tzr4417-*.tar.gz"))) as archive:
             archive.extractall("/tmp/package")

@@ -3,11 +3,9 @@ beside it that must not be served, a network of its own if asked; raw HTTP."""
 import base64, http.client, os, ssl, subprocess, sys
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
-import sandbox  # noqa: E402
-from sandbox import free_port, lighttpd, poll  # noqa: E402,F401
+import sandbox  # tools/, on PYTHONPATH (ctest sets it)
+from sandbox import free_port, lighttpd, poll  # noqa: F401
 
-CGI, SIM = map(os.path.abspath, sys.argv[1:3])
 PROGRAM, IP = "/cgi-bin/tzr4417.cgi", "/configuration/network/ip_addr"
 USER = ("admin", "s3cret")
 CLONE_NEWNET = 0x40000000
@@ -18,13 +16,13 @@ TLS, CERT = "/tmp/tls", "/tmp/tls/cert.pem"  # var.tzr4417_tls, and the certific
 def isolate(*addresses):
     """A private /tmp; given ADDRESSES, also a network of its own whose
     loopback holds them, so nothing leaves the machine."""
-    sandbox.enter()
+    sandbox.enter(keep=[Path(program).parent for program in sys.argv[1:3]])
     if addresses:
         if sandbox.LIBC.unshare(CLONE_NEWNET) != 0:
             sys.exit("webenv: cannot make a network namespace (run as root)")
         subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
         list(map(add_address, addresses))
-    sandbox.install(CGI)
+    sandbox.install(os.path.abspath(sys.argv[1]))  # the program under test
     Path("/tmp/www/cgi-bin/notes.txt").write_text("not for strangers\n")
 
 
@@ -33,7 +31,7 @@ def add_address(address):
 
 
 def simulator(*options):
-    return sandbox.Simulator(SIM, *options)
+    return sandbox.Simulator(os.path.abspath(sys.argv[2]), *options)
 
 
 def certificate(*names):

@@ -72,12 +72,14 @@ ssize_t recvRetry(int fd, char* buffer, size_t size, int flags) {
 
 class Server {
  public:
-  Server(const Options& options, Tree& tree)
+  Server(const Options& options, Tree& tree, int readyFd, int stopFd)
       : options_(options),
         tree_(tree),
         pacing_{options.chunk,
                 std::chrono::milliseconds(options.chunk > 0 ? options.chunkGapMs : 0)},
-        delay_(options.delayMs) {}
+        delay_(options.delayMs),
+        readyFd_(readyFd),
+        stopFd_(stopFd) {}
   ~Server();
 
   int run();
@@ -95,6 +97,8 @@ class Server {
   Tree& tree_;
   const Pacing pacing_;
   const std::chrono::milliseconds delay_;
+  const int readyFd_;  // -1: "ready" on stdout
+  const int stopFd_;   // -1: until SIGTERM or SIGINT
   Transcript transcript_;
   int listenFd_ = -1;
   bool bound_ = false;
@@ -308,24 +312,33 @@ int Server::run() {
   }
 
   // The stop signals stay blocked except inside ppoll(), so one arriving
-  // between the stopRequested check and the wait still ends the wait.
-  struct sigaction action {};
-  action.sa_handler = SIG_IGN;
-  ::sigaction(SIGPIPE, &action, nullptr);
-  action.sa_handler = onStopSignal;
-  ::sigaction(SIGTERM, &action, nullptr);
-  ::sigaction(SIGINT, &action, nullptr);
+  // between the stopRequested check and the wait still ends the wait. In a
+  // thread of someone else's process the signals are that process's own:
+  // every send() here passes MSG_NOSIGNAL anyway.
   sigset_t stopSignals, waitMask;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGTERM);
-  sigaddset(&stopSignals, SIGINT);
-  ::sigprocmask(SIG_BLOCK, &stopSignals, &waitMask);
-  sigdelset(&waitMask, SIGTERM);
-  sigdelset(&waitMask, SIGINT);
+  const bool embedded = stopFd_ >= 0;
+  if (!embedded) {
+    struct sigaction action {};
+    action.sa_handler = SIG_IGN;
+    ::sigaction(SIGPIPE, &action, nullptr);
+    action.sa_handler = onStopSignal;
+    ::sigaction(SIGTERM, &action, nullptr);
+    ::sigaction(SIGINT, &action, nullptr);
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGINT);
+    ::sigprocmask(SIG_BLOCK, &stopSignals, &waitMask);
+    sigdelset(&waitMask, SIGTERM);
+    sigdelset(&waitMask, SIGINT);
+  }
 
   if (!listen()) return 1;
-  std::fputs("ready\n", stdout);
-  std::fflush(stdout);
+  if (embedded) {
+    if (::write(readyFd_, "r", 1) != 1) return 1;
+  } else {
+    std::fputs("ready\n", stdout);
+    std::fflush(stdout);
+  }
 
   std::vector<pollfd> fds;
   while (!stopRequested) {
@@ -354,6 +367,7 @@ int Server::run() {
       }
       fds.push_back({c->fd, events, 0});
     }
+    if (embedded) fds.push_back({stopFd_, POLLIN, 0});
 
     timespec timeout{};
     if (wake) {
@@ -361,15 +375,17 @@ int Server::run() {
       timeout.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(wait).count();
       timeout.tv_nsec = (wait % std::chrono::seconds(1)).count();
     }
-    if (::ppoll(fds.data(), fds.size(), wake ? &timeout : nullptr, &waitMask) < 0) {
+    if (::ppoll(fds.data(), fds.size(), wake ? &timeout : nullptr, embedded ? nullptr : &waitMask) <
+        0) {
       if (errno == EINTR) continue;
       std::fprintf(stderr, "cffs-sim: poll: %s\n", std::strerror(errno));
       return 1;
     }
 
+    if (embedded && fds.back().revents != 0) break;
     now = Clock::now();
     const size_t first = accepting ? 1 : 0;
-    for (size_t i = first; i < fds.size(); ++i) {
+    for (size_t i = first; i < first + connections_.size(); ++i) {
       Connection& c = *connections_[i - first];
       const short revents = fds[i].revents;
       // Requests a client sent just before it vanished still count, as a
@@ -389,6 +405,11 @@ int Server::run() {
 }  // namespace
 
 int serve(const Options& options, Tree& tree) {
-  Server server(options, tree);
+  Server server(options, tree, -1, -1);
+  return server.run();
+}
+
+int serveInThread(const Options& options, Tree& tree, int readyFd, int stopFd) {
+  Server server(options, tree, readyFd, stopFd);
   return server.run();
 }

@@ -22,8 +22,8 @@
 // - A client whose unsent replies pile up past 1 MiB is not read from until
 //   it reads some of them.
 //
-// SIGPIPE is ignored and every send() uses MSG_NOSIGNAL; a peer that
-// vanishes only ends its own connection.
+// Every send() uses MSG_NOSIGNAL (and serve() ignores SIGPIPE too); a peer
+// that vanishes only ends its own connection.
 
 #ifndef TZR_TOOLS_CFFS_SIM_SERVER_H_
 #define TZR_TOOLS_CFFS_SIM_SERVER_H_
@@ -38,5 +38,11 @@
 // a signal, 1 if the socket cannot be set up, 2 if the transcript file
 // cannot be opened.
 int serve(const Options& options, Tree& tree);
+
+// The same for a test that runs the simulator in a thread of its own: once
+// it listens it writes one byte to `readyFd`, and it serves until `stopFd`
+// is readable (a pipe's read end whose write end was closed), leaving the
+// process's signal handling alone.
+int serveInThread(const Options& options, Tree& tree, int readyFd, int stopFd);
 
 #endif  // TZR_TOOLS_CFFS_SIM_SERVER_H_

@@ -1,0 +1,57 @@
+// What the unit tests meet the daemon and the web server through, as any user:
+// the simulator in process, its socket and lock files in a private folder, and
+// a pipe for the reply.
+#ifndef TZR_TESTS_SUPPORT_SIM_DAEMON_H_
+#define TZR_TESTS_SUPPORT_SIM_DAEMON_H_
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "cffs_sim/in_process.h"
+#include "config_client/daemon_setup.h"
+#include "config_client/parameter_map.h"
+
+using Strings = std::vector<std::string>;
+using Millis = std::chrono::milliseconds;
+
+// Checks `done` every millisecond until it holds or `limit` has passed.
+bool waitUntil(const std::function<bool()>& done, Millis limit = Millis(5000));
+
+// The default appliance configuration shipped with the simulator.
+ParameterMap defaultTree();
+
+// The 1-based number of the first request of `transcript` that begins with
+// `start`, 0 if none does: where to plant a fault at that request.
+int requestNumber(const Strings& transcript, const std::string& start);
+
+struct SimDaemon {
+  explicit SimDaemon(const ParameterMap& tree, const Strings& arguments = {})
+      : sim(tree, arguments),
+        lock(sim.socketPath() + ".lock"),
+        queue(sim.socketPath() + ".queue") {}
+
+  // Where a client finds this daemon and its lock; `replyFd` is the reply a
+  // request writes, watched for its reader (-1: nobody to watch).
+  DaemonSetup setup(int replyFd = -1) const {
+    return {sim.socketPath().c_str(), lock.c_str(), queue.c_str(), replyFd};
+  }
+  Strings transcript(bool reads = true) const { return sim.transcript(reads); }
+
+  InProcessSimulator sim;
+  const std::string lock, queue;
+};
+
+// A reply's pipe: a request writes to ends[1]; closing ends[0] gives up on it.
+struct ReplyPipe {
+  ReplyPipe() { EXPECT_EQ(0, pipe(ends)); }
+  ~ReplyPipe() { giveUp(), close(ends[1]); }
+  void giveUp() { ends[0] = ends[0] < 0 ? -1 : (close(ends[0]), -1); }
+  int ends[2];
+};
+
+#endif  // TZR_TESTS_SUPPORT_SIM_DAEMON_H_

@@ -1,0 +1,47 @@
+// The simulator for a program that links it, such as a test: served from a
+// thread of the caller's own process, with a private temporary folder of its
+// own for its tree (tree.conf, which "save" rewrites), its transcript and, by
+// default, its socket (cffs_uds), beside which clients keep their lock files.
+// Nothing needs root, and nothing outlives the object.
+
+#ifndef TZR_TOOLS_CFFS_SIM_IN_PROCESS_H_
+#define TZR_TOOLS_CFFS_SIM_IN_PROCESS_H_
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "cffs_sim/options.h"
+#include "cffs_sim/tree.h"
+
+class InProcessSimulator {
+ public:
+  // Serves `tree` with the command line's `arguments` (options.h), such as
+  // faults ("--reset-at", "9") or another socket ("--socket", PATH).
+  // Throws std::runtime_error when it cannot start.
+  explicit InProcessSimulator(const Tree& tree, const std::vector<std::string>& arguments = {});
+  ~InProcessSimulator();
+  InProcessSimulator(const InProcessSimulator&) = delete;
+  InProcessSimulator& operator=(const InProcessSimulator&) = delete;
+
+  // FOLDER/NAME, in its private folder.
+  std::string path(const std::string& name) const { return folder_ + "/" + name; }
+  const std::string& socketPath() const { return options_.socketPath; }
+
+  // The requests received, escaped as recorded (transcript.h): "save"
+  // arrives as save\r; without the reads ("ls ...") unless `reads`.
+  std::vector<std::string> transcript(bool reads = true) const;
+  // The tree as last saved.
+  Tree savedTree() const;
+
+ private:
+  void stop();
+
+  std::string folder_;
+  Options options_;
+  Tree tree_;
+  int stop_[2] = {-1, -1};
+  std::thread thread_;
+};
+
+#endif  // TZR_TOOLS_CFFS_SIM_IN_PROCESS_H_
