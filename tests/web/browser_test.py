@@ -2,11 +2,9 @@
 on 192.0.2.10 in a network of the test's own, the password cached in the browser, third-party cookies allowed (the
 worst case). argv: CGI SIMULATOR http|https (tzr4417.conf, or tzr4417-https.conf with foreign pages over HTTPS
 too, the browser trusting the device certificate alone)"""
-import base64, re, subprocess, sys, tempfile, unittest
+import base64, re, sys, unittest
 from pathlib import Path
 from string import Template
-from selenium import webdriver
-from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 import webenv
 from webenv import IP, PROGRAM, USER
@@ -18,8 +16,6 @@ SCHEME = sys.argv[3]
 FOREIGN_TLS = f'ssl.engine = "enable" ssl.pemfile = "{webenv.CERT}" ssl.privkey = "{webenv.TLS}/key.pem"'
 PORT, TLS = {"http": (8081, ""), "https": (8443, FOREIGN_TLS)}[SCHEME]
 ORIGINS = {"port": f"{SCHEME}://{HOME}:{PORT}", "address": f"{SCHEME}://{ELSEWHERE}:{PORT}"}
-# The device certificate's key, the one Chromium trusts (no certificate store): its SHA-256.
-SPKI = f"openssl x509 -in {webenv.CERT} -pubkey -noout | openssl pkey -pubin -outform der | openssl sha256 -binary"
 FORM = ('<form %s action="$url"><input name=write value="$name"><input name=value value="$tag"></form>'
         '<script>document.forms[0].submit()</script>')
 LINK = '<a %s href="$url">go</a><script>document.links[0].click()</script>'
@@ -48,9 +44,7 @@ VECTORS = {
 # A foreign name pointed at the appliance (DNS rebinding) is same-origin: it may send any header and a password.
 REBIND = '<script>fetch("$path", {headers: {"X-Tzr4417-Console": "1", Authorization: "Basic %s"}})</script>' % (
     base64.b64encode(":".join(USER).encode()).decode())
-FLAGS = ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--disable-sync",
-         "--disable-background-networking", "--disable-component-update", "--no-first-run", "--window-size=1000,950",
-         f"--host-resolver-rules=MAP encoder {HOME}, MAP rebind.example {HOME}"]
+FLAGS = ["--window-size=1000,950", f"--host-resolver-rules=MAP encoder {HOME}, MAP rebind.example {HOME}"]
 
 
 class BrowserTest(unittest.TestCase):
@@ -64,15 +58,8 @@ class BrowserTest(unittest.TestCase):
             f'$SERVER["socket"] == ":{PORT}" {{ server.document-root = "/tmp/www/attack" {TLS} }}'],
             bind="0.0.0.0", tzr4417_hosts="encoder", tzr4417_users=webenv.users(), tzr4417_tls=webenv.TLS)
         Path("/tmp/www/attack").mkdir()
-        options = webdriver.ChromeOptions()
-        options.binary_location = "/usr/bin/chromium"
-        spki = subprocess.run(SPKI, shell=True, capture_output=True, check=True).stdout
-        for flag in FLAGS + ["--user-data-dir=" + tempfile.mkdtemp(),
-                             "--ignore-certificate-errors-spki-list=" + base64.b64encode(spki).decode()]:
-            options.add_argument(flag)
-        options.add_experimental_option("prefs", {"profile.cookie_controls_mode": 0,
-                                                  "profile.block_third_party_cookies": False})
-        cls.driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+        cls.driver = webenv.chromium(webenv.CERT, FLAGS, {"profile.cookie_controls_mode": 0,
+                                                          "profile.block_third_party_cookies": False})
 
     @classmethod
     def tearDownClass(cls):
@@ -90,19 +77,14 @@ class BrowserTest(unittest.TestCase):
         self.assertIn(IP.replace("/", "\\/"), self.driver.page_source)
 
     def settle(self):
-        """The message line once the page is done with its request."""
-        webenv.poll(lambda: self.driver.execute_script("return document.body.dataset.state"), "idle".__eq__)
-        return self.driver.find_element(By.ID, "message").text
+        return webenv.settle(self.driver)
 
     def row(self, name):
         cell = self.driver.find_element(By.XPATH, f"//table[@id='params']//tr[td[1]='{NET}{name}']/td[2]")
         return cell.text, cell.find_element(By.XPATH, "..").get_attribute("class")
 
     def write(self, name, value):
-        self.driver.execute_script("document.getElementById('write-name').value = arguments[0];"
-                                   "document.getElementById('write-value').value = arguments[1];"
-                                   "document.querySelector('#write-form button').click()", name, value)
-        return self.settle()
+        return webenv.write(self.driver, name, value)
 
     def test_console_reads_and_writes_and_follows_the_address(self):
         webenv.add_address(MOVED)  # the appliance's interface gets a second address

@@ -1,6 +1,7 @@
 """The web tests' world: tools/sandbox.py with the program installed, a file
-beside it that must not be served, a network of its own if asked; raw HTTP."""
-import base64, http.client, os, ssl, subprocess, sys
+beside it that must not be served, a network of its own if asked; raw HTTP;
+the console page in headless Chromium."""
+import base64, http.client, os, ssl, subprocess, sys, tempfile
 from pathlib import Path
 
 import sandbox  # tools/, on PYTHONPATH (ctest sets it)
@@ -60,3 +61,34 @@ def request(port, target, headers=None, body=None, user=USER, method=None, cafil
         return None, {}, b""
     finally:
         connection.close()
+
+
+def chromium(cafile, flags=(), prefs=None):
+    """Headless Chromium that trusts the device certificate CAFILE alone, by its key (no certificate store)."""
+    from selenium import webdriver  # the browser tests' alone
+    from selenium.webdriver.chrome.service import Service
+    spki = subprocess.run(f"openssl x509 -in {cafile} -pubkey -noout | openssl pkey -pubin -outform der"
+                          " | openssl sha256 -binary", shell=True, capture_output=True, check=True).stdout
+    options = webdriver.ChromeOptions()
+    options.binary_location = "/usr/bin/chromium"
+    for flag in ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--disable-sync",
+                 "--disable-background-networking", "--disable-component-update", "--no-first-run", *flags,
+                 "--user-data-dir=" + tempfile.mkdtemp(),
+                 "--ignore-certificate-errors-spki-list=" + base64.b64encode(spki).decode()]:
+        options.add_argument(flag)
+    options.add_experimental_option("prefs", prefs or {})
+    return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+
+
+def settle(driver):
+    """The console's message line once the page is done with its request."""
+    poll(lambda: driver.execute_script("return document.body.dataset.state"), "idle".__eq__)
+    return driver.find_element("id", "message").text
+
+
+def write(driver, name, value):
+    """A write from the console's form; its message."""
+    driver.execute_script("document.getElementById('write-name').value = arguments[0];"
+                          "document.getElementById('write-value').value = arguments[1];"
+                          "document.querySelector('#write-form button').click()", name, value)
+    return settle(driver)
