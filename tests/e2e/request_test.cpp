@@ -1,7 +1,5 @@
-// Requests through the shipped program as a web server runs it: rows of reply
-// bytes, exit status, what reached the daemon and what the request and its
-// detached child logged; then a daemon that goes away, requests that meet,
-// requests nobody waits for. What the rules compute is tabled in unit/.
+// The shipped program as a web server runs it, for what only the whole process
+// shows. What the rules, the client and the lock do is tabled in unit/.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <syslog.h>
@@ -94,8 +92,7 @@ void check(const Row& row, bool write) {
   EXPECT_TRUE(reapAllChildren()) << "a process was left";
 }
 
-// A request that main() ends at once, with exit status 1, before cgicc sets
-// aside the body it claims.
+// main() ends it at once, status 1, before cgicc sets aside the body it claims.
 Row tooLong(CgiRequest request) { return Row{request, ""}.exits(1); }
 
 // A request that main() ends: an exception it answers 500 to, and logs.
@@ -148,14 +145,12 @@ TEST(RequestTest, ReadsAndDispatch) {
         R"(ls /b%2\r)"}},
       {{"read=,,"}, kJson},
       {{"read=/a,/a,"}, json(R"({ "\/a": "1", "\/a": "1" })"), {lsA[0], lsA[0]}},
-      Row{{"read=/q,/%22x%5C"},
-          json(R"({ "\/q": "say \"hi\" \\ back\nx", "invalid": [ "/"x\" ] })")}
-          .named("values escaped, invalid names deliberately as received (invalid JSON)")
-          .sends({R"(ls /q\r)", R"(ls /"x\\\r)"}),
-      // Raw bytes pass as they are, in names and values alike.
-      {{"read=/u,/%C3%A9%01"},
-       json("{ \"\\/u\": \"caf\xC3\xA9\x01\", \"invalid\": [ \"/\xC3\xA9\x01\" ] }"),
-       {R"(ls /u\r)", "ls /\xC3\xA9\\x01\\r"}},
+      // Values escaped, raw bytes passed as they are; invalid names as received.
+      Row{{"read=/q,/u,/%22x%5C,/%C3%A9%01"},
+          json("{ \"\\/q\": \"say \\\"hi\\\" \\\\ back\\nx\", \"\\/u\": \"caf\xC3\xA9\x01\", "
+               "\"invalid\": [ \"/\"x\\\", \"/\xC3\xA9\x01\" ] }")}
+          .named("invalid names deliberately as received (invalid JSON)")
+          .sends({R"(ls /q\r)", R"(ls /u\r)", R"(ls /"x\\\r)", "ls /\xC3\xA9\\x01\\r"}),
       // Line breaks are stripped from the list; a NUL is never sent.
       {{"read=/a,%0D%0A/b"}, json(R"({ "\/a": "1", "\/b": "two words" })"), lsAB},
       Row{{"read=/b%00save,/a"},
