@@ -131,14 +131,11 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
   }
 }
 
-// The lock's modes and turns, for requests that meet. A request that would
-// wait is told apart from one that takes the lock at once by giving up on it
-// first: it then returns false with ECANCELED instead of waiting.
 void onTick(int) {}
 
-// Runs `ask`, which may wait for the lock, for a request given up on. Its wait
-// looks whether anybody waits whenever a signal interrupts it: every
-// millisecond here, not every second; after five seconds `letGo` ends it.
+// Runs `ask`, which may wait for the lock, for a request given up on: one that
+// would wait returns false with ECANCELED instead. The wait looks whether
+// anybody waits at each signal: every millisecond here; after 5 s `letGo` ends it.
 template <typename Ask>
 auto givenUp(Ask ask, const std::function<void()>& letGo) {
   struct sigaction tick = {};
