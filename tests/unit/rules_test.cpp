@@ -72,8 +72,8 @@ void check(const Rule& rule, const std::vector<Row>& rows) {
 }
 
 const std::string kIp = net("ip_addr"), kMask = net("subnet_mask"), kCast = net("broadcast_addr");
-const std::string kRtsp1 = out("rtsp/streams/stream1/aenc");
-const std::string kRtmp1 = out("rtmp/streams/stream1/aenc");
+const std::string kRtsp1 = out("rtsp/streams/stream1/aenc"),
+                  kRtmp1 = out("rtmp/streams/stream1/aenc");
 const std::string kAudio1 = mux("1/component2/encoder"), kAudio2 = mux("2/component2/encoder");
 const std::string kAuto1 = enc("venc1/frame_ctrl/auto"), kAuto2 = enc("venc2/frame_ctrl/auto");
 const std::string kCopy1 = enc("venc1/text_overlay/copy_image");
