@@ -108,7 +108,6 @@ TEST(NetworkAddressRule, BroadcastIsAddressOrNotMask) {
 TEST(VideoEncoderRules, SwitchesFollowMux2AndCodecs) {
   const std::string codec2 = enc("venc2/codec");
   check(plain(applyVideoEncoderRules), {
-      {"venc2 behind mux2, both h264", {}, {}, {}},
       {"a drifted switch", {{kCopy1, "no"}}, {}, {{kCopy1, "yes"}}},
       {"venc2 on another codec", {{codec2, "mpeg2"}}, {}, {{kAuto1, "no"}, {kAuto2, "no"}}},
       {"pending codec counts", {{codec2, "mpeg2"}, {kAuto1, "no"}, {kAuto2, "no"}},
