@@ -17,8 +17,7 @@ namespace {
 
 constexpr char kPrompt[] = "/> ";
 DaemonScript script;
-size_t sent = 0;  // of script.stream
-size_t answered = 0;
+size_t sent = 0, answered = 0;  // of script.stream, of script.answers
 std::minstd_rand chunks;
 int listener = -1;
 char folder[] = "/tmp/tzr-fuzz-XXXXXX";
@@ -92,8 +91,7 @@ extern "C" ssize_t recv(int, void* buffer, size_t size, int) {
   return static_cast<ssize_t>(n);
 }
 
-// The script always has the next bytes ready: nothing waits, and nobody
-// closes the reply.
+// Nobody closes the reply here.
 extern "C" int poll(pollfd* fds, nfds_t count, int) {
   for (nfds_t i = 0; i < count; ++i) fds[i].revents = fds[i].fd < 0 ? 0 : fds[i].events;
   return 1;

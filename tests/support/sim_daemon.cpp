@@ -1,5 +1,7 @@
 #include "support/sim_daemon.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <syslog.h>
 
 #include <fstream>
@@ -29,4 +31,11 @@ int requestNumber(const Strings& transcript, const std::string& start) {
     if (transcript[i].rfind(start, 0) == 0) return static_cast<int>(i + 1);
   }
   return 0;
+}
+
+bool lockIsFree(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const bool free = fd < 0 || flock(fd, LOCK_EX | LOCK_NB) == 0;
+  close(fd);
+  return free;
 }

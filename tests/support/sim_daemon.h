@@ -29,6 +29,9 @@ ParameterMap defaultTree();
 // `start`, 0 if none does: where to plant a fault at that request.
 int requestNumber(const Strings& transcript, const std::string& start);
 
+// Whether another request could have the lock at `path` at once (none without its file).
+bool lockIsFree(const std::string& path);
+
 struct SimDaemon {
   explicit SimDaemon(const ParameterMap& tree, const Strings& arguments = {})
       : sim(tree, arguments),

@@ -30,8 +30,7 @@ TEST(ConfigClientTest, GetTrimsAnswersAndRefusesUnframableNames) {
 }
 
 // A set goes out in byte order of names, white space in values, an empty
-// value and an empty name included. (What cannot go out is refused whole: see
-// the write requests of e2e/.)
+// value and an empty name included. (What cannot go out: e2e/'s writes.)
 TEST(ConfigClientTest, PutSendsTheSetInByteOrderOfNames) {
   SimDaemon sim(kTree);
   ConfigClient client(sim.setup());

@@ -72,8 +72,8 @@ void check(const Rule& rule, const std::vector<Row>& rows) {
 }
 
 const std::string kIp = net("ip_addr"), kMask = net("subnet_mask"), kCast = net("broadcast_addr");
-const std::string kRtsp1 = out("rtsp/streams/stream1/aenc");
-const std::string kRtmp1 = out("rtmp/streams/stream1/aenc");
+const std::string kRtsp1 = out("rtsp/streams/stream1/aenc"),
+                  kRtmp1 = out("rtmp/streams/stream1/aenc");
 const std::string kAudio1 = mux("1/component2/encoder"), kAudio2 = mux("2/component2/encoder");
 const std::string kAuto1 = enc("venc1/frame_ctrl/auto"), kAuto2 = enc("venc2/frame_ctrl/auto");
 const std::string kCopy1 = enc("venc1/text_overlay/copy_image");
@@ -83,7 +83,6 @@ const std::string kCopy2 = enc("venc2/text_overlay/copy_image");
 TEST(FixedSettingsRule, RestoresDriftedRowsAgainstTheStoredValue) {
   const std::string on = out("recorder/enable"), stream = out("recorder/stream");
   check(plain(applyFixedSettings), {
-      {"all ten fixed", {}, {}, {}},
       {"stored yes keeps the written no", {}, {on, "no"}, {}},
       {"stored off replaces the written no", {{on, "off"}}, {on, "no"}, {{on, "yes"}}},
       {"the daemon lacks a path", {{enc("aenc3/codec"), kGone}}, {},
@@ -109,7 +108,6 @@ TEST(NetworkAddressRule, BroadcastIsAddressOrNotMask) {
 TEST(VideoEncoderRules, SwitchesFollowMux2AndCodecs) {
   const std::string codec2 = enc("venc2/codec");
   check(plain(applyVideoEncoderRules), {
-      {"venc2 behind mux2, both h264", {}, {}, {}},
       {"a drifted switch", {{kCopy1, "no"}}, {}, {{kCopy1, "yes"}}},
       {"venc2 on another codec", {{codec2, "mpeg2"}}, {}, {{kAuto1, "no"}, {kAuto2, "no"}}},
       {"pending codec counts", {{codec2, "mpeg2"}, {kAuto1, "no"}, {kAuto2, "no"}},
@@ -143,6 +141,7 @@ TEST(MuxBitrateRule, TotalsScaledClampedAndWrapped) {
   const std::string rate = enc("venc1/h264/bitrate");
   check(plain(applyMuxBitrateRule), {
       {"cbr: 4000000*20/19 + 2*128000", {{total, "0"}}, {}, {{total, "4466526"}}},
+      {"the written rate counts", {}, {rate, "5000000"}, {{total, "5519157"}}},
       {"vbr: 4000000*5/6 + 128000", {{mode, "vbr"}}, {}, {{total, "3461333"}}},
       {"VBR is cbr", {{mode, "VBR"}, {total, "0"}}, {}, {{total, "4466526"}}},
       {"157894 raised", {{rate, "150000"}, {kAudio1, "off"}}, {}, {{total, "200000"}}},

@@ -61,14 +61,6 @@ std::thread greetAndHangUp(const std::string& path) {
   });
 }
 
-// Whether another request could have the lock at once (none without its file).
-bool lockIsFree(const DaemonSetup& setup) {
-  const int fd = open(setup.lockPath, O_RDONLY | O_CLOEXEC);
-  const bool free = fd < 0 || flock(fd, LOCK_EX | LOCK_NB) == 0;
-  close(fd);
-  return free;
-}
-
 // Every failure closes the connection for good: later exchanges fail without
 // touching their reply; a daemon gone is an error, never a SIGPIPE. Unattended,
 // a hang-up or a silent daemon fails the exchange too; attended, so does the
@@ -120,7 +112,7 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
     if (row.unattended) connection.setUnattended(Millis(50));
     if (row.givenUp) reply.giveUp();
     std::thread server = !row.givenUpLater ? std::thread() : std::thread([&] {
-      EXPECT_TRUE(waitUntil([&] { return lockIsFree(setup); }));
+      EXPECT_TRUE(waitUntil([&] { return lockIsFree(setup.lockPath); }));
       reply.giveUp();
     });
     std::string text = "kept";
@@ -139,14 +131,11 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
   }
 }
 
-// The lock's modes and turns, for requests that meet. A request that would
-// wait is told apart from one that takes the lock at once by giving up on it
-// first: it then returns false with ECANCELED instead of waiting.
 void onTick(int) {}
 
-// Runs `ask`, which may wait for the lock, for a request given up on. Its wait
-// looks whether anybody waits whenever a signal interrupts it: every
-// millisecond here, not every second; after five seconds `letGo` ends it.
+// Runs `ask`, which may wait for the lock, for a request given up on: one that
+// would wait returns false with ECANCELED instead. The wait looks whether
+// anybody waits at each signal: every millisecond here; after 5 s `letGo` ends it.
 template <typename Ask>
 auto givenUp(Ask ask, const std::function<void()>& letGo) {
   struct sigaction tick = {};
