@@ -34,11 +34,16 @@ running() {
   pid=$(cat "$state/qemu.pid" 2>/dev/null) && grep -qa qemu-system "/proc/$pid/cmdline" 2>/dev/null
 }
 
-address() {
+# The console page on the host: over HTTPS from lighttpd, plain HTTP from busybox.
+console_url() {
   local server port scheme=https
   read -r server port <"$state/web"
   [ "$server" = lighttpd ] || scheme=http
-  echo "$scheme://127.0.0.1:$port/console/  login: admin  password: $(cat "$state/password")"
+  echo "$scheme://127.0.0.1:$port/console/"
+}
+
+address() {
+  echo "$(console_url)  login: admin  password: $(cat "$state/password")"
 }
 
 # The preferred port when it is free, so the address stays the same from one
@@ -68,11 +73,8 @@ boots() {
 }
 
 wait_ready() {
-  local before=$1 deadline=$((SECONDS + 180)) server port scheme=https
-  read -r server port <"$state/web"
-  [ "$server" = lighttpd ] || scheme=http
-  until [ "$(boots)" -gt "$before" ] &&
-    curl -sk -o /dev/null --max-time 5 "$scheme://127.0.0.1:$port/console/"; do
+  local before=$1 deadline=$((SECONDS + 180))
+  until [ "$(boots)" -gt "$before" ] && curl -sk -o /dev/null --max-time 5 "$(console_url)"; do
     running || die "qemu ended during the boot; its console said:$(printf '\n'; tail -n 30 "$state/console.log")"
     [ $SECONDS -lt $deadline ] || die "the board did not answer within 3 minutes; see $state/console.log"
     sleep 0.2
