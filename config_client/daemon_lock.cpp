@@ -4,17 +4,46 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/time.h>
+#include <syslog.h>
 #include <unistd.h>
 
 namespace {
 
-// Opened for reading only: flock() needs no more, so a file that another
-// user created stays usable. No symbolic link is followed in the shared /tmp.
+// Whether the file at `path`, of `file`, is not one to take turns on (see
+// daemon_lock.h): then it logs why, in one line, and sets errno to EPERM.
+bool refused(const char* path, const struct stat& file) {
+  const uid_t owner = file.st_uid;
+  if (S_ISREG(file.st_mode) && (owner == 0 || owner == ::geteuid())) return false;
+  if (!S_ISREG(file.st_mode)) {
+    syslog(LOG_ERR, "Refusing lock file %s: not a regular file", path);
+  } else {
+    syslog(LOG_ERR, "Refusing lock file %s: owned by uid %u", path, static_cast<unsigned>(owner));
+  }
+  errno = EPERM;
+  return true;
+}
+
+// Opened for reading only: flock() needs no more, so a file that root created
+// stays usable. Whatever is at the path, the open never waits (a FIFO's would,
+// for a writer), follows a symbolic link or takes a terminal for ours; what it
+// opened is checked after.
 int openLockFile(const char* path) {
-  const int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW;
+  const int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
   int fd = ::open(path, flags);
   if (fd < 0 && errno == ENOENT) fd = ::open(path, flags | O_CREAT, 0644);
+  struct stat file;
+  if (fd < 0) {
+    // What the kernel refused (a link, a socket, another's file it keeps us
+    // from reading) is told in the log as well, with the kernel's errno.
+    const int error = errno;
+    if (::lstat(path, &file) == 0) refused(path, file);
+    errno = error;
+  } else if (::fstat(fd, &file) != 0 || refused(path, file)) {
+    ::close(fd);
+    fd = -1;
+  }
   return fd;
 }
 

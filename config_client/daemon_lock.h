@@ -16,6 +16,11 @@
 // therefore queues first, on a second file ("/tmp/cffs_uds.queue"), held
 // exclusively only while it waits for the lock: a waiting write holds the
 // queue, so new reads line up behind it while the earlier ones finish.
+//
+// Another user can plant either file in /tmp before the first request: only
+// a regular file of ours (the effective user's) or root's is taken. Anything
+// else is refused at once, with a line in the system log, and never waited
+// on (opening a FIFO would wait for a writer).
 #ifndef TZR_CONFIG_CLIENT_DAEMON_LOCK_H_
 #define TZR_CONFIG_CLIENT_DAEMON_LOCK_H_
 
@@ -34,7 +39,8 @@ class DaemonLock {
   // Waits until the lock is ours in `mode` (LockMode::None takes nothing).
   // While it waits it looks once a second whether anybody still waits for
   // the request's reply, and gives up when not: false with errno ECANCELED.
-  // False, with errno set, when a lock file cannot be opened or created.
+  // False, with errno set, when a lock file cannot be opened or created, or
+  // is refused (EPERM, or the kernel's errno where the open failed).
   bool acquire(LockMode mode);
 
   // Lets go of the lock, if held. Also before a fork: a child would

@@ -2,6 +2,7 @@
 // shows. What the rules, the client and the lock do is tabled in unit/.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -22,7 +23,7 @@ const std::string k400 = "HTTP/1.1 400 Bad Request\n\n";
 const std::string k500 = "HTTP/1.1 500 Internal Server Error\n\n";
 const std::string kRefused = k500 + "\n";  // a failed write that the daemon said nothing of
 const Strings kNoDaemon = {"none"};
-const char kLock[] = "/tmp/cffs_uds.lock";  // the program's own
+const char kLock[] = "/tmp/cffs_uds.lock", kQueue[] = "/tmp/cffs_uds.queue";  // the program's own
 const Log kApplied = {{kInfo, "Applied and saved the parameter settings"}};
 const ParameterMap kExtra = {{"/a", "1"},
                              {"/b", "two words"},
@@ -44,7 +45,8 @@ struct Row {
   std::string faultAt = {};  // begins so in the same request's run on a sound daemon
   ParameterMap stored = {};  // over the default configuration and kExtra
   int exitStatus = 0;
-  std::string what = {};  // for a row that pins a deliberate behaviour
+  std::string what = {};                 // for a row that pins a deliberate behaviour
+  std::function<void()> lockFiles = {};  // made in place of the program's own, removed after
 
   Row named(std::string why) { return what = why, *this; }
   Row sends(Strings requests) { return sent = requests, *this; }
@@ -54,6 +56,7 @@ struct Row {
   Row plants(std::string kind, std::string at) { return fault = kind, faultAt = at, *this; }
   Row over(ParameterMap tree) { return stored = tree, *this; }
   Row exits(int status) { return exitStatus = status, *this; }
+  Row finding(std::function<void()> make) { return lockFiles = make, *this; }
 };
 
 // What `request` sends a sound daemon holding `tree`, its detached child's
@@ -77,6 +80,7 @@ void check(const Row& row, bool write) {
     daemon.insert(daemon.end(), {row.fault, std::to_string(k)});
   }
   SyslogCapture log;
+  if (row.lockFiles) std::remove(kLock), std::remove(kQueue), row.lockFiles();
   {
     std::unique_ptr<InProcessSimulator> sim(
         daemon == kNoDaemon ? nullptr : new InProcessSimulator(tree, fixedSocket(daemon)));
@@ -89,6 +93,7 @@ void check(const Row& row, bool write) {
     EXPECT_EQ(row.log, log.of(result.pid));
     EXPECT_EQ(row.child, log.of(result.pid, true));
   }
+  if (row.lockFiles) std::remove(kLock), std::remove(kQueue);
   EXPECT_TRUE(reapAllChildren()) << "a process was left";
 }
 
@@ -164,6 +169,16 @@ TEST(RequestTest, ReadsAndDispatch) {
        json(R"({ "invalid": [ )" + times(199999, R"("/x y", )") + R"("/x y" ] })")},
       Row{{"read="}, k400}.logs({{kError, "No parameter names in read request"}}),
       Row{{"read="}, k500}.against(kNoDaemon),
+      // Lock files that another user could have planted: refused at once.
+      Row{{"read=/a"}, k500}
+          .finding([] { EXPECT_EQ(0, mkfifo(kQueue, 0644)); })
+          .logs({{kError, "Refusing lock file /tmp/cffs_uds.queue: not a regular file"}}),
+      Row{{"read=/a"}, k500}
+          .finding([] { EXPECT_EQ(0, symlink(kQueue, kLock)); })
+          .logs({{kError, "Refusing lock file /tmp/cffs_uds.lock: not a regular file"}}),
+      Row{{"read=/a"}, k500}
+          .finding([] { EXPECT_EQ(0, mknod(kLock, S_IFREG | 0644, 0) + chown(kLock, 1000, 0)); })
+          .logs({{kError, "Refusing lock file /tmp/cffs_uds.lock: owned by uid 1000"}}),
       Row{{"read=/a,/b,/a"}, json(R"({ "\/a": "1", "invalid": [ "/b", "/a" ] })"), lsA}.plants(
           "--reset-at", R"(ls /b\r)"),
       // The headers leave before the dialogue, even one that never finishes.

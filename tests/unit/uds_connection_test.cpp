@@ -10,11 +10,14 @@
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <functional>
+#include <future>
+#include <memory>
 #include <thread>
 
 #include "support/sim_daemon.h"
@@ -82,10 +85,13 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
     bool unattended = false;
     bool givenUp = false;       // the web server gave up on the request
     bool givenUpLater = false;  // once the request has let go of the lock
+    mode_t planted = 0;         // at the lock path, a FIFO at the queue's
   } rows[] = {{"no daemon", {}, UdsStatus::ConnectFailed, ENOENT},
               {"not listening", {"--no-listen"}, UdsStatus::ConnectFailed, ECONNREFUSED},
               {"no descriptor left", {}, UdsStatus::OpenFailed, EMFILE},
-              {"a link for a lock file", {}, UdsStatus::OpenFailed, ELOOP},
+              {"a link for a lock file", {}, UdsStatus::OpenFailed, ELOOP, 0, 0, 0, S_IFLNK},
+              {"a directory for a lock file", {}, UdsStatus::OpenFailed, EPERM, 0, 0, 0, S_IFDIR},
+              {"a FIFO for the queue", {}, UdsStatus::OpenFailed, EPERM, 0, 0, 0, S_IFIFO},
               {"reset", {"--reset-at", "1"}, UdsStatus::ReadFailed, ECONNRESET},
               {"greets, hangs up", {}, UdsStatus::WriteFailed, EPIPE},
               {"unattended hang-up", hangUp, UdsStatus::ReadFailed, 0, true},
@@ -105,8 +111,17 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
     rlimit low = {static_cast<rlim_t>(dup(0)), limit.rlim_max};
     close(static_cast<int>(low.rlim_cur));
     if (row.error == EMFILE) setrlimit(RLIMIT_NOFILE, &low);
-    if (row.error == ELOOP) symlink("/nowhere", setup.lockPath);
-    UdsConnection connection(setup, LockMode::Shared);
+    if (row.planted == S_IFLNK) symlink("/nowhere", setup.lockPath);
+    if (row.planted == S_IFDIR) mkdir(setup.lockPath, 0755);
+    if (row.planted == S_IFIFO) mkfifo(setup.queuePath, 0644);
+    // Opened on a thread: an open that waits on a FIFO fails the row, and a writer ends it.
+    auto opening = std::async(std::launch::async, [&] {
+      return std::make_unique<UdsConnection>(setup, LockMode::Shared);
+    });
+    EXPECT_EQ(std::future_status::ready, opening.wait_for(Millis(5000))) << "waits";
+    close(open(setup.queuePath, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    const auto opened = opening.get();
+    UdsConnection& connection = *opened;
     setrlimit(RLIMIT_NOFILE, &limit);
     if (daemon.joinable()) daemon.join();
     if (row.unattended) connection.setUnattended(Millis(50));
