@@ -165,7 +165,9 @@ def lighttpd(config, port, extra=(), www="/tmp/www", bind="127.0.0.1", after=(),
     """lighttpd on BIND:PORT (127.0.0.1 or all addresses, 0.0.0.0) with a shipped
     CONFIG from web/servers/lighttpd, included as an integrator would: their
     settings first, the lines AFTER last. Its configuration file is PATH."""
-    settings = {"tzr4417_dir": SRC / "web/servers/lighttpd", "tzr4417_www": www, **settings}
+    settings = {"tzr4417_dir": SRC / "web/servers/lighttpd", "tzr4417_www": www, "tzr4417_state": "/tmp/state",
+                **settings}
+    os.makedirs(settings["tzr4417_state"], exist_ok=True)  # where the login gate remembers logins
     lines = [*extra, *(f'var.{name} = "{value}"' for name, value in settings.items()),
              f"var.tzr4417_port = {port}", 'server.errorlog = "/tmp/server.log"']
     if config != "demo.conf":  # the appliance's snippets leave these to lighttpd.conf

@@ -44,6 +44,17 @@ VECTORS = {
 # A foreign name pointed at the appliance (DNS rebinding) is same-origin: it may send any header and a password.
 REBIND = '<script>fetch("$path", {headers: {"X-Tzr4417-Console": "1", Authorization: "Basic %s"}})</script>' % (
     base64.b64encode(":".join(USER).encode()).decode())
+# A foreign page sends one window of its own to the program again and again with a wrong password in the address
+# (the browser then offers it for the host): the program's bare address, and a plain read.
+POPUP = """<script>
+const popup = open("about:blank");
+let sent = 0;
+const next = () => {
+  popup.location = "$scheme://admin:wrong" + sent + "@$host$path" + (sent % 2 ? "?read=/probe-" + sent : "");
+  if (++sent < 100) setTimeout(next, 50);
+};
+next();
+</script>"""
 FLAGS = ["--window-size=1000,950", f"--host-resolver-rules=MAP encoder {HOME}, MAP rebind.example {HOME}"]
 
 
@@ -72,7 +83,9 @@ class BrowserTest(unittest.TestCase):
 
 
     def login(self, host):
-        """Answers the password prompt once: the browser keeps it for the host."""
+        """Answers the password prompt once: the browser keeps it for the host. Over plain HTTP the program's
+        address takes only what shows the appliance's cookie, which any of its pages gives."""
+        self.driver.get(f"{SCHEME}://{host}/console/parameters.conf")
         self.driver.get(f"{SCHEME}://{':'.join(USER)}@{host}{PROGRAM}?read={IP}")
         self.assertIn(IP.replace("/", "\\/"), self.driver.page_source)
 
@@ -122,6 +135,17 @@ class BrowserTest(unittest.TestCase):
         self.sim.stop()
         self.driver.find_element(By.ID, "read-button").click()
         self.assertIn("no text: the configuration daemon did not answer", self.settle())
+
+    def test_a_foreign_page_spends_none_of_the_owners_checks(self):
+        Path("/tmp/www/attack/popup.html").write_text(Template(POPUP).substitute(scheme=SCHEME, host=HOME,
+                                                                                  path=PROGRAM))
+        self.driver.get(ORIGINS["address"] + "/popup.html")
+        probes = lambda: re.findall(r"probe-(\d+)", Path("/tmp/access.log").read_text())  # noqa: E731
+        self.assertIn("99", webenv.poll(probes, lambda seen: "99" in seen, 30))
+        self.driver.switch_to.window(self.driver.window_handles[0])
+        self.assertEqual(Path("/tmp/server.log").read_text().count("password doesn't match"), 0)
+        self.driver.get(f"{SCHEME}://{HOME}/console/")
+        self.assertEqual(self.settle(), "Read 4 parameters.")
 
     def test_foreign_pages_cannot_write(self):
         pages = [(f"{origin}: {name}", f"{url}/{number}-{origin}.html", page) for origin, url in ORIGINS.items()

@@ -40,8 +40,11 @@ class InstallTest(unittest.TestCase):
         cls.sim = webenv.simulator()
 
     def test_each_server_serves_the_console_and_answers_the_examples(self):
-        self.assertEqual((len(self.board), len(self.examples)), (3, 2))
-        certificate, *servers = self.board
+        self.assertEqual((len(self.board), len(self.examples)), (4, 2))
+        firewall, certificate, *servers = self.board
+        subprocess.run(["chroot", ROOTFS, "/bin/sh", "-c", firewall], check=True)  # in the test's own network
+        self.assertIn("ct count over 32", subprocess.run(["nft", "list", "table", "inet", "tzr4417"],
+                                                         capture_output=True, text=True).stdout)
         made = []
         for _ in range(2):  # each boot runs it; the first one's certificate stays
             subprocess.run(["chroot", ROOTFS, "/bin/sh", "-c", certificate], check=True, capture_output=True)

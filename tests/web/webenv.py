@@ -28,7 +28,8 @@ def isolate(*addresses):
 
 
 def add_address(address):
-    subprocess.run(["ip", "address", "add", address + "/32", "dev", "lo"], check=True)
+    prefix = ["/128", "nodad"] if ":" in address else ["/32"]  # nodad: usable at once
+    subprocess.run(["ip", "address", "add", address + prefix[0], *prefix[1:], "dev", "lo"], check=True)
 
 
 def simulator(*options):
@@ -40,8 +41,8 @@ def certificate(*names):
                    capture_output=True)
 
 
-def users():
-    Path("/tmp/users").write_text(f"{USER[0]}:{sandbox.sha512_crypt(USER[1])}\n")
+def users(password=USER[1]):
+    Path("/tmp/users").write_text(f"{USER[0]}:{sandbox.sha512_crypt(password)}\n")
     return "/tmp/users"
 
 
@@ -51,8 +52,9 @@ def request(port, target, headers=None, body=None, user=USER, method=None, cafil
     auth = {"Authorization": "Basic " + base64.b64encode(":".join(user).encode()).decode()} if user else {}
     form = {"Content-Type": "application/x-www-form-urlencoded"} if body else {}
     where = {"timeout": timeout, "source_address": source and (source, 0)}
-    connection = (http.client.HTTPSConnection("127.0.0.1", port, context=ssl.create_default_context(
-        cafile=cafile), **where) if cafile else http.client.HTTPConnection("127.0.0.1", port, **where))
+    host = "::1" if source and ":" in source else "127.0.0.1"
+    connection = (http.client.HTTPSConnection(host, port, context=ssl.create_default_context(
+        cafile=cafile), **where) if cafile else http.client.HTTPConnection(host, port, **where))
     try:
         connection.request(method or ("POST" if body else "GET"), target, body, {**auth, **form, **(headers or {})})
         response = connection.getresponse()

@@ -1,53 +1,77 @@
--- Bounds failed password checks for tzr4417.cgi (mod_magnet, Lua 5.4).
--- tzr4417.conf and tzr4417-https.conf attract it twice for the program's
--- address: before mod_auth checks a password (the gate), and when the
--- answer starts (the count). Two bounds, each over any window of an hour:
+-- The login gate of tzr4417.cgi (mod_magnet, Lua 5.4): bounds the guessing
+-- at the password, and is never a weapon against the owner.
 --
---   * per source address (an IPv6 one by its /64, all of which one host
---     can take): 100 checks that fail, over every account together. Past
---     that, the source's requests for the program get 429 Too Many
---     Requests with a Retry-After, and none reaches mod_auth or the program.
---   * per account, from sources that have not logged in on it within the
---     last day: 50, all such sources together. Past that, those sources
---     get 429 for that account; a source that logged in on it within the
---     day goes on as before, so the owner is never locked out by someone
---     else's guessing, and a right password after a few typos works.
+-- Both snippets attract it three times for the program's address: before
+-- mod_auth checks a password (the gate), once mod_auth has let a request
+-- through (the physical path: a login), and when an answer starts (a 401
+-- there is a password mod_auth refused). mod_setenv, mod_access and
+-- mod_magnet come before mod_auth in server.modules, so what the rules
+-- refuse as foreign (another site's page, a foreign Host) never reaches a
+-- password check; the gate itself refuses an Origin other than the page's.
 --
--- 100 is what OWASP's verification standard (ASVS 4.0.3, V2.2.1) allows at
--- most on one account in an hour; 50 keeps many hosts together to half of
--- it and leaves the rest to the owner's own typos. lighttpd answers a wrong
--- password after a second, per connection: without the bounds one host
--- with 200 connections tried some 700,000 passwords an hour (README).
+-- Failed checks, each bound over any window of an hour (TZR4417_LOGIN_WINDOW
+-- in lighttpd's environment shortens it for tests; a day is 24 windows):
 --
--- A check counts from the moment the gate lets it through, so connections
--- in flight cannot overshoot a bound; one that does not fail takes its count
--- back when its answer starts. The state lives in this script's Lua state
--- (package.loaded outlives a request, globals do not), so a restart of
--- lighttpd forgets it. TZR4417_LOGIN_WINDOW in lighttpd's environment sets
--- the window in seconds, for tests; a day is 24 windows.
-
--- Everything but the last line runs once, at the first request: a valid
--- request pays for a few table lookups. lighttpd reloads a changed script
--- into the same Lua state, where the first version's functions stay in
--- package.loaded: restart lighttpd after changing this file.
+--   * from a source without trust (an IPv4 address, or an IPv6 /64, which
+--     one host can fill): 90 over all accounts;
+--   * on an account, from sources without trust: 50, all together;
+--   * from sources without trust, all together: 1,000 (what bounds memory);
+--   * from an exact address that logged in on the account within a day,
+--     asked the way the console or a script asks (its header, or the
+--     browser's own Sec-Fetch-Site): 10 for that address, and 50 on the
+--     account over all such addresses.
+--
+-- So one address gets at most 100 (90 + 10) and one account at most 100 (the
+-- most OWASP's ASVS 4.0.3, V2.2.1 allows); what others do never spends the
+-- owner's 10. Past a bound the request gets 429 with a Retry-After, before
+-- any password is checked. Nothing skips a bound, not even a password that
+-- passed before: a cheap comparison with it would answer guesses too.
+--
+-- A check is counted when the gate lets it through, so concurrent requests
+-- cannot overshoot a bound; the count is taken back when mod_auth lets the
+-- request through, or when anything other than a 401 answers it. An answer
+-- lighttpd gives before the gate runs (a 413, a bad request) is never seen
+-- here. Nothing a client without the password sends is kept past its request
+-- but a counted failure, so the tables are as small as the bounds: some
+-- 500 KB at worst (README, "The login guard").
+--
+-- The logins (address, account, time) are remembered in
+-- TZR4417_LOGIN_STATE/logins, the folder var.tzr4417_state names, so that a
+-- restart, a reboot or a power cut does not forget where the owner logs in
+-- from: written when an address logs in for the first time or its line is a
+-- day old, each line with a check so that a torn write grants nothing.
 local state = package.loaded["tzr4417-login"]
 if not state then
-  local PER_SOURCE, PER_ACCOUNT = 100, 50
-  local window = tonumber(os.getenv("TZR4417_LOGIN_WINDOW")) or 3600
-  local day = 24 * window
-  local sources, accounts, trusted, names = {}, {}, {}, {}
-  local named, swept = 0, 0
+  local WINDOW = tonumber(os.getenv("TZR4417_LOGIN_WINDOW")) or 3600
+  local DAY = 24 * WINDOW
+  -- The bounds by list: which key prefix, and how many failures a window.
+  local LIMIT = { s = 90, u = 50, ["*"] = 1000, a = 10, f = 50 }
+  local LOGINS = 256 -- remembered at most, the oldest dropped
+  local NAME = 64 -- bytes of a user name; longer ones are refused, unchecked
+  local MARK = "TZR4417_LOGIN_GATE" -- what the gate did, for the later stages
+  local md, c = lighty.c.md, lighty.c
 
-  -- The times of LIST's checks still in the window at NOW, oldest first;
-  -- drops the others (all of them if the clock was set back past the newest).
-  local function recent(list, now)
-    local n = list and #list or 0
-    if n > 0 and list[n] > now then
-      for i = 1, n do list[i] = nil end
+  local fails = {} -- key -> times of its failures in the window, oldest first
+  local logins = {} -- "address account" -> time of the latest login
+  local written = {} -- "address account" -> its time in the logins file
+  local folder, failed = nil, false
+  local swept = 0
+
+  local function log(text)
+    print("tzr4417-login.lua: " .. text)
+  end
+
+  -- The failures of KEY still in the window at NOW; all of them go when the
+  -- clock was set back past the newest, or they would last until it caught up.
+  local function recent(key, now)
+    local list = fails[key]
+    if not list then return 0 end
+    local n, gone = #list, 0
+    while gone < n and list[gone + 1] <= now - WINDOW do gone = gone + 1 end
+    if gone == n or list[n] > now then
+      fails[key] = nil
       return 0
     end
-    local gone = 0
-    while gone < n and list[gone + 1] <= now - window do gone = gone + 1 end
     if gone > 0 then
       table.move(list, gone + 1, n, 1)
       for i = n - gone + 1, n do list[i] = nil end
@@ -55,20 +79,27 @@ if not state then
     return n - gone
   end
 
-  local function count(map, key, now)
-    local list = map[key]
-    if not list then
-      list = {}
-      map[key] = list
+  local function count(keys, now)
+    for _, key in ipairs(keys) do
+      local list = fails[key] or {}
+      fails[key] = list
+      list[#list + 1] = now
     end
-    list[#list + 1] = now
   end
 
-  local function take_back(list)
-    if list then list[#list] = nil end
+  -- Requests are resolved in the order they were counted, so the newest
+  -- time in each list is this request's.
+  local function take_back(keys)
+    for _, key in ipairs(keys) do
+      local list = fails[key]
+      if list then
+        list[#list] = nil
+        if #list == 0 then fails[key] = nil end
+      end
+    end
   end
 
-  -- The key of a source address: IPv4 as it is, IPv6 by its /64.
+  -- The source of an address: IPv4 as it is, IPv6 by its /64.
   local function source_of(address)
     if not address:find(":", 1, true) then return address end
     local mapped = address:match("^::ffff:(%d+%.%d+%.%d+%.%d+)$")
@@ -86,83 +117,208 @@ if not state then
     return table.concat(groups, ":", 1, 4) .. "::/64"
   end
 
-  -- The account a basic Authorization header names (false if none), read
-  -- as mod_auth reads it (any case, any blanks); decoded once per header a
-  -- browser keeps sending, while a guesser's new ones empty the memo.
-  local function account_of(credentials)
-    local user = names[credentials]
-    if user == nil then
-      local decoded = lighty.c.b64dec(credentials:match("^[Bb][Aa][Ss][Ii][Cc]%s+(%S+)") or "")
-      user = decoded and decoded:match("^[^:]*") or false
-      if named >= 1000 then names, named = {}, 0 end
-      names[credentials], named = user, named + 1
+  -- The oldest entry of a capped map goes when a new one comes.
+  local function insert(map, key, value, cap)
+    if map[key] == nil then
+      local size, oldest = 0, nil
+      for other, at in pairs(map) do
+        size = size + 1
+        if not oldest or at < map[oldest] then oldest = other end
+      end
+      if size >= cap then map[oldest] = nil end
     end
-    return user
+    map[key] = value
   end
 
-  -- Once a window, forget the sources and accounts with no check left in
-  -- it and the logins older than a day.
+  local function line_check(pair, at)
+    return md("sha256", pair .. " " .. at):sub(1, 16)
+  end
+
+  local function load()
+    local file = io.open(folder .. "/logins")
+    if not file then return end
+    for line in file:lines() do
+      local pair, at, check = line:match("^(%S+ %x+) (%d+) (%x+)$")
+      at = tonumber(at)
+      if pair and check == line_check(pair, at) and (logins[pair] or 0) < at then
+        insert(logins, pair, at, LOGINS)
+        written[pair] = at
+      end
+    end
+    file:close()
+  end
+
+  -- The whole file anew, on disk before its name is: a power cut leaves the
+  -- old file or the new one. Rare enough (a new address, or a day gone) for
+  -- two short blocking syncs.
+  local function save()
+    local path = folder .. "/logins"
+    local file, why = io.open(path .. ".new", "w")
+    if file then
+      for pair, at in pairs(logins) do file:write(pair, " ", at, " ", line_check(pair, at), "\n") end
+      file:close()
+      os.execute("sync '" .. path .. ".new'")
+      file, why = os.rename(path .. ".new", path)
+      os.execute("sync '" .. folder .. "'")
+    end
+    if file then
+      failed = false
+      for pair, at in pairs(logins) do written[pair] = at end
+    elseif not failed then -- said once until it works again
+      failed = true
+      log("cannot remember logins in " .. folder .. ": " .. tostring(why))
+    end
+  end
+
+  -- Whether the pair logged in within the day. A login stamped after NOW
+  -- (the clock set back, or not set yet at boot) counts once the clock has
+  -- caught up, and is kept meanwhile.
+  local function trusted(pair, now)
+    local at = logins[pair]
+    return at and at <= now and now - at < DAY
+  end
+
+  local function login(pair, now)
+    local before = logins[pair]
+    if before and before <= now and now - before < 60 then return end -- renewed once a minute at most
+    insert(logins, pair, now, LOGINS)
+    if not written[pair] or now - written[pair] >= DAY then save() end
+  end
+
   local function sweep(now)
     swept = now
-    for _, map in ipairs({ sources, accounts }) do
-      for key, list in pairs(map) do
-        if recent(list, now) == 0 then map[key] = nil end
-      end
+    for key in pairs(fails) do recent(key, now) end
+    for pair, at in pairs(logins) do
+      if now - at >= DAY then logins[pair] = nil end
     end
-    for user, logins in pairs(trusted) do
-      for source, at in pairs(logins) do
-        if now - at >= day or at > now then logins[source] = nil end
-      end
-      if next(logins) == nil then trusted[user] = nil end
+    for pair in pairs(written) do
+      if not logins[pair] then written[pair] = nil end
     end
   end
 
-  -- The gate before mod_auth (status 0), and the count when the answer
-  -- starts: lighttpd's status for the request, or 429 to refuse it.
-  local function run(r, now)
-    local status = r.req_item.http_status
-    local credentials = r.req_header["Authorization"]
-    if status ~= 0 and (not credentials or status == 401 or status == 429) then return 0 end
-    local source = source_of(r.req_attr["request.remote-addr"] or "")
-    local user = credentials and account_of(credentials)
-    local logins = user and trusted[user]
-    local at = logins and logins[source]
-    local known = at and now - at < day and at <= now
-    if status ~= 0 then -- a check that did not fail, or never ran
-      take_back(sources[source])
-      if user and not known then take_back(accounts[user]) end
-      -- A login renews the source's day at most once a minute.
-      if user and not (known and now - at < 60) and r.req_env["REMOTE_USER"] == user then
-        if not logins then
-          logins = {}
-          trusted[user] = logins
-        end
-        logins[source] = now
+  -- The account mod_auth will check, exactly as it reads the header
+  -- ("Basic " in any case, at most 1,363 characters of base64): false when it
+  -- will answer without a check (401), nil when the header is malformed (it
+  -- would answer 400 and log the header).
+  local function account_of(credentials)
+    if credentials:sub(1, 6):lower() ~= "basic " or #credentials > 1369 then return false end
+    local text = c.b64dec(credentials:sub(7))
+    local name = text and text:match("^([^:]*):")
+    if not name or #name > NAME or name:find("%c") then return nil end
+    return name
+  end
+
+  local function default_port(scheme, authority)
+    return (authority:lower():gsub(scheme == "https" and ":443$" or ":80$", ""))
+  end
+
+  -- An Origin that is not the page's own: another site's page ("null" from
+  -- a sandboxed frame is one too).
+  local function foreign(r)
+    local origin = r.req_header["Origin"]
+    if not origin then return false end
+    local scheme, authority = origin:lower():match("^(https?)://([^/]+)$")
+    local own = r.req_attr["uri.scheme"]
+    return scheme ~= own or default_port(scheme, authority) ~= default_port(own, r.req_header["Host"] or "")
+  end
+
+  -- Where a request comes from, as far as anything but its sender's word
+  -- can tell: "page" for the console's header (no other site's page can
+  -- send it) or the browser's own Sec-Fetch-Site (same-origin, or none for
+  -- an address the user typed); "site" for the appliance's cookie alone,
+  -- which browsers keep from whatever another site starts (but not from a
+  -- page on another port of the same host); false for neither, as what a
+  -- foreign page starts over plain HTTP, where browsers send no
+  -- Sec-Fetch-Site, and a script that does not send the header.
+  local function sender(r)
+    local site = r.req_header["Sec-Fetch-Site"]
+    if r.req_header["X-Tzr4417-Console"] == "1" or site == "same-origin" or site == "none" then return "page" end
+    local cookies = ";" .. (r.req_header["Cookie"] or ""):gsub("%s", "") .. ";"
+    return cookies:find(";tzr4417-site=1;", 1, true) and "site"
+  end
+
+  local function refuse(r, key, now)
+    r.resp_header["Retry-After"] = tostring(math.max(1, fails[key][1] + WINDOW - now))
+    r.resp_header["Content-Type"] = "text/plain; charset=utf-8"
+    r.resp_body.set({ "Too many failed logins: try again later.\n" })
+    return 429
+  end
+
+  local function gate(r, now)
+    if r.req_env[MARK] then return 0 end -- counted already, before a restart of the request
+    if r.req_env["REMOTE_USER"] then -- mod_auth has checked it already
+      log("mod_auth runs before this gate: list mod_setenv, mod_access and mod_magnet ahead of it")
+      return 500
+    end
+    if not folder then
+      folder = r.req_env["TZR4417_LOGIN_STATE"]
+      if not (folder and folder:match("^/[%w._/-]*$")) then
+        log("set var.tzr4417_state to a folder (an absolute path of letters, digits and ._/-)")
+        folder = nil
+        return 500
       end
-      return 0
+      load()
     end
-    if now - swept >= window then sweep(now) end
-    local full = nil
-    if recent(sources[source], now) >= PER_SOURCE then
-      full = sources[source]
-    elseif user and not known and recent(accounts[user], now) >= PER_ACCOUNT then
-      full = accounts[user]
+    -- Refused before mod_auth could ask for a password, which would have
+    -- the browser send one (typed into the address, or the owner's own).
+    local from = sender(r)
+    if not from or foreign(r) then return 403 end
+    local header = r.req_header["Authorization"]
+    local name = header and account_of(header)
+    if name == nil then return header and 400 or 0 end
+    if not name then return 0 end
+    if now - swept >= WINDOW or now < swept then sweep(now) end
+
+    local address = r.req_attr["request.remote-addr"] or ""
+    local account = md("sha256", name):sub(1, 32)
+    local keys = { "s" .. source_of(address), "u" .. account, "*" }
+    if from == "page" and trusted(address .. " " .. account, now) then keys = { "a" .. address, "f" .. account } end
+    for _, list in ipairs(keys) do
+      if recent(list, now) >= LIMIT[list:sub(1, 1)] then return refuse(r, list, now) end
     end
-    if full then
-      -- With a body of its own, lighttpd keeps these headers.
-      r.resp_header["Retry-After"] = tostring(math.max(1, full[1] + window - now))
-      r.resp_header["Content-Type"] = "text/plain; charset=utf-8"
-      r.resp_body.set({ "Too many failed logins: try again later.\n" })
-      return 429
-    end
-    if credentials then
-      count(sources, source, now)
-      if user and not known then count(accounts, user, now) end
-    end
+    count(keys, now)
+    r.req_env[MARK] = account .. " " .. table.concat(keys, " ")
     return 0
   end
 
-  state = { run = run }
+  -- The gate's mark, if it let the request through: the account and the
+  -- lists it counted the request in. Gone once read.
+  local function mark_of(r)
+    local mark = r.req_env[MARK]
+    if not mark then return nil end
+    r.req_env[MARK] = nil
+    local keys = {}
+    for key in mark:gmatch("%S+") do keys[#keys + 1] = key end
+    return table.remove(keys, 1), keys
+  end
+
+  -- Reached only once mod_auth let the request through: a login.
+  local function physical(r, now)
+    r.req_env["TZR4417_LOGIN_STATE"] = nil -- the program has no use for it
+    local account, keys = mark_of(r)
+    if not account then return 0 end
+    take_back(keys)
+    if r.req_env["REMOTE_USER"] then login((r.req_attr["request.remote-addr"] or "") .. " " .. account, now) end
+    return 0
+  end
+
+  -- An answer starts: a 401 to a request the gate let through is a failed
+  -- check, and stays counted; anything else that answered it checked nothing.
+  local function answer(r)
+    local account, keys = mark_of(r)
+    if account and r.req_item.http_status ~= 401 then take_back(keys) end
+    return 0
+  end
+
+  -- Which stage runs: an answer has its status; the physical path exists
+  -- only once the URL has passed mod_auth.
+  state = {
+    run = function(r, now)
+      if r.req_item.http_status ~= 0 then return answer(r) end
+      if r.req_attr["physical.path"] then return physical(r, now) end
+      return gate(r, now)
+    end,
+  }
   package.loaded["tzr4417-login"] = state
 end
 return state.run(lighty.r, lighty.c.time())
