@@ -10,7 +10,8 @@ target_link_options(tzr4417.cgi PRIVATE "LINKER:-Map=$<TARGET_FILE:tzr4417.cgi>.
 install(FILES INSTALL.md DESTINATION . COMPONENT notes EXCLUDE_FROM_ALL)
 if(EXISTS ${PROJECT_SOURCE_DIR}/web/servers)
   # httpd.sh and tzr4417-certificate.sh stay executable: the board runs them as they come.
-  install(DIRECTORY web/servers DESTINATION web COMPONENT notes EXCLUDE_FROM_ALL USE_SOURCE_PERMISSIONS)
+  install(DIRECTORY web/servers web/firewall DESTINATION web COMPONENT notes EXCLUDE_FROM_ALL
+          USE_SOURCE_PERMISSIONS)
 endif()
 
 if(NOT TZR_TARGET_ARCH)

@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(build-essential cmake pkg-config libcgicc-dev googletest libgtest-dev libgmock-dev
           lighttpd lighttpd-mod-openssl lighttpd-modules-lua openssl curl clang-format util-linux valgrind
-          busybox chromium chromium-driver python3-selenium iproute2 wrk
+          busybox chromium chromium-driver python3-selenium iproute2 wrk nftables
           qemu-system-arm qemu-user kmod cpio e2fsprogs g++-arm-linux-gnueabihf g++-aarch64-linux-gnu)
 
 [ $# -eq 0 ] || packages=("$@")
