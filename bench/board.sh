@@ -35,7 +35,7 @@ kept() {
 
 printf 'a new connection, TLS handshake and a read of 1 name: '
 curl -s -o /dev/null -w '%{time_total}\n' --cacert "$TZR_BOARD_DIR/cert.pem" -u "admin:$password" \
-  "$program?read=/configuration/network/ip_addr" | median
+  -H 'X-Tzr4417-Console: 1' "$program?read=/configuration/network/ip_addr" | median
 printf 'a read of 1 name: '
 kept "$program?read=/configuration/network/ip_addr"
 printf 'a read of all %s known names: ' "$(tr , '\n' <<<"$every" | wc -l)"

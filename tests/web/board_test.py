@@ -92,7 +92,7 @@ class BoardTest(unittest.TestCase):
         self.assertEqual((status, json.loads(body)["value"]), (200, value))
 
     def test_1_reads_and_a_write_over_https(self):
-        status, _, body = self.ask(f"{PROGRAM}?read={IP},{MASK}", {})
+        status, _, body = self.ask(f"{PROGRAM}?read={IP},{MASK}")
         self.assertEqual((status, json.loads(body)), (200, {IP: "192.168.1.10", MASK: "255.255.255.0"}))
         self.slow_daemon("--delay-command", "apply", "--delay-ms", str(APPLY_DELAY * 1000))
         begun = time.monotonic()

@@ -21,6 +21,8 @@ const STATUS_TEXT = {
   403: '403 Forbidden: the web server refused the request (sent without the console\'s header, ' +
     'from another site, or to a host name it does not serve).',
   413: '413: the request is larger than the web server accepts.',
+  429: '429: too many wrong passwords from this address or for this user name; the web server takes ' +
+    'none for a while (Retry-After says how long).',
 };
 
 const $ = (id) => document.getElementById(id);
