@@ -32,8 +32,8 @@
 -- request through, or when anything other than a 401 answers it. An answer
 -- lighttpd gives before the gate runs (a 413, a bad request) is never seen
 -- here. Nothing a client without the password sends is kept past its request
--- but a counted failure, so the tables are as small as the bounds: some
--- 500 KB at worst (README, "The login guard").
+-- but a counted failure, so the tables are as small as the bounds: under
+-- 600 KB at worst (bench/guard_memory.lua).
 --
 -- The logins (address, account, time) are remembered in
 -- TZR4417_LOGIN_STATE/logins, the folder var.tzr4417_state names, so that a
