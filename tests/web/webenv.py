@@ -51,8 +51,11 @@ def request(port, target, headers=None, body=None, user=USER, method=None, cafil
     auth = {"Authorization": "Basic " + base64.b64encode(":".join(user).encode()).decode()} if user else {}
     form = {"Content-Type": "application/x-www-form-urlencoded"} if body else {}
     where = {"timeout": timeout, "source_address": source and (source, 0)}
-    connection = (http.client.HTTPSConnection("127.0.0.1", port, context=ssl.create_default_context(
-        cafile=cafile), **where) if cafile else http.client.HTTPConnection("127.0.0.1", port, **where))
+    context = cafile and ssl.create_default_context(cafile=cafile)
+    if context:  # whatever its dates: a board's clock can be years from this machine's, and the board checks them
+        context.verify_flags |= 0x200000  # OpenSSL's X509_V_FLAG_NO_CHECK_TIME
+    connection = (http.client.HTTPSConnection("127.0.0.1", port, context=context, **where) if cafile else
+                  http.client.HTTPConnection("127.0.0.1", port, **where))
     try:
         connection.request(method or ("POST" if body else "GET"), target, body, {**auth, **form, **(headers or {})})
         response = connection.getresponse()
