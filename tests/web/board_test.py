@@ -133,7 +133,8 @@ class BoardTest(unittest.TestCase):
         self.assertEqual([message for _, message in lines], [f"Setting parameter {IP} to {address}",
                                                              f"Setting parameter {BROADCAST} to {broadcast}", SAVED])
         self.assertTrue(all(before <= when <= after for when, _ in lines), (before, lines, after))
-        self.assertEqual([saved()[name] for name in (IP, BROADCAST)], [address, broadcast])
+        tree = saved()
+        self.assertEqual([tree[IP], tree[BROADCAST]], [address, broadcast])
         return [when for when, _ in lines]
 
     def renewed(self, before):
@@ -146,7 +147,8 @@ class BoardTest(unittest.TestCase):
         on_board(f"openssl s_client -connect 127.0.0.1:443 -CAfile {TLS}/cert.pem -verify_return_error </dev/null")
 
     def test_1_reads_and_a_write_over_https(self):
-        self.reads_and_a_write("10.0.0.5", "10.0.0.255")
+        # armhf's write with a slow apply is the one across 2038-01-19 03:14:07, in the last row.
+        self.reads_and_a_write("10.0.0.5", "10.0.0.255", delay=APPLY_DELAY if ARCH == "arm64" else 0)
 
     @unittest.skipIf(ARCH != "armhf", "one board runs every row")
     def test_2_dependent_writes_that_meet_leave_a_consistent_configuration(self):
