@@ -37,3 +37,7 @@ int main(int, char**) {
   }
   return 0;
 }
+
+// The appliance outlives 2038-01-19 03:14:07: a 32-bit build without 64-bit
+// time and file offsets (cmake/arm-cross.cmake) stops here.
+static_assert(sizeof(time_t) == 8 && sizeof(off_t) == 8, "32-bit time_t or off_t");

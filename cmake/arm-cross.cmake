@@ -29,3 +29,13 @@ set(CMAKE_CROSSCOMPILING_EMULATOR ${TZR_EMULATOR} -L /usr/${TZR_TRIPLE})
 # mixing with code built by older compilers, which never happens here. (The
 # sections that let the linker drop unused code: ../CMakeLists.txt.)
 set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
+# 32-bit ARM: 64-bit time_t and file offsets (glibc 2.34 and later), so that
+# our calls reach glibc's 64-bit entry points and keep working past
+# 2038-01-19 03:14:07 (the link map's cross reference shows who calls what).
+# The sysroot's cgicc and gtest are built without them: no interface of
+# theirs that we use carries a time_t, off_t or struct stat. 64-bit targets
+# have both already. Not in the cached flags, so an older build tree takes
+# them too.
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL arm)
+  add_compile_definitions(_TIME_BITS=64 _FILE_OFFSET_BITS=64)
+endif()

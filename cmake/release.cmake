@@ -3,7 +3,7 @@
 # firmware engineers drop into their image (`cpack` in a build tree makes
 # tzr4417-ARCH.tar.gz there): the stripped program, how to install it, and
 # the web servers' configuration.
-target_link_options(tzr4417.cgi PRIVATE "LINKER:-Map=$<TARGET_FILE:tzr4417.cgi>.map")
+target_link_options(tzr4417.cgi PRIVATE "LINKER:-Map=$<TARGET_FILE:tzr4417.cgi>.map" "LINKER:--cref")
 
 # The notes and snippets are a component of their own, left out of a plain
 # `cmake --install` so that tools/demo.sh's document root holds only cgi-bin.

@@ -5,7 +5,9 @@
 # installed from the release archive as INSTALL.md says, and a data
 # partition that keeps the saved configuration and the device's certificate.
 #
-#   tools/board.sh start [armhf|arm64] [--server lighttpd|busybox]
+#   tools/board.sh start [armhf|arm64] [--server lighttpd|busybox] [--clock WHEN]
+#                                   WHEN (UTC, 2040-06-01T00:00:00 or 2040-06-01):
+#                                   the board's real-time clock at power-on
 #   tools/board.sh build [armhf|arm64]   only fetch and build what start needs
 #   tools/board.sh stop             power off cleanly
 #   tools/board.sh reboot           reboot, and wait until it answers again
@@ -14,7 +16,8 @@
 #   tools/board.sh daemon [OPTION...]   restart the board's daemon with the
 #                                   simulator's options (--delay-ms 500: a
 #                                   slow daemon); none: as it boots
-#   tools/board.sh status           the console's address, if a board runs
+#   tools/board.sh status           the console's address and the board's
+#                                   time, if a board runs
 #
 # Everything listens on 127.0.0.1 only. TZR_BOARD_DIR (build/board by
 # default) holds one board: its data disk, which outlives starts and stops,
@@ -93,30 +96,43 @@ prepare() {
   # The board's userland: busybox, lighttpd with the modules the snippets
   # load, openssl for the certificate, and the libraries they link (named:
   # letting apt resolve lighttpd against an empty status pulls in systemd and
-  # perl). image.py refuses an image whose programs lack a library.
-  local packages kernel
+  # perl). image.py refuses an image whose programs lack a library. armhf's
+  # comes from Debian 13, whose 32-bit ARM has 64-bit time_t throughout
+  # (12's busybox cannot set a date past 2038); its kernel stays 12's, which
+  # has the 64-bit time calls too. Add a package to the list it belongs to.
+  local userland=(busybox-static lighttpd lighttpd-mod-openssl lighttpd-modules-lua openssl libc6 libcrypt1
+                  libpcre2-8-0 libxxhash0 liblua5.4-0) suite=()
+  case $arch in
+    armhf) userland+=(libnettle8t64 libssl3t64 libzstd1 zlib1g) suite=(--suite trixie) ;;
+    arm64) userland+=(libnettle8 libssl3) ;;
+  esac
+  local kernel wanted
   debs=$PWD/build/$arch/board-debs
   kernel=$(tools/target-apt.sh "$arch" depends "linux-image-$flavour" | grep '^linux-image-')
-  packages=("$kernel" busybox-static lighttpd lighttpd-mod-openssl lighttpd-modules-lua openssl libc6 libcrypt1
-            libnettle8 libpcre2-8-0 libxxhash0 libssl3 liblua5.4-0)
-  if [ "$(cat "$debs/.packages" 2>/dev/null)" != "${packages[*]}" ]; then
+  wanted="$kernel ${suite[*]} ${userland[*]}"
+  if [ "$(cat "$debs/.packages" 2>/dev/null)" != "$wanted" ]; then
     rm -rf "$debs"
-    tools/target-apt.sh "$arch" download "$debs" "${packages[@]}"
-    echo "${packages[*]}" >"$debs/.packages"
+    tools/target-apt.sh "$arch" download "$debs" "$kernel"
+    tools/target-apt.sh "${suite[@]}" "$arch" download "$debs" "${userland[@]}"
+    echo "$wanted" >"$debs/.packages"
   fi
 }
 
 start() {
-  local arch=armhf server=lighttpd
+  local arch=armhf server=lighttpd clock=utc
   while [ $# -gt 0 ]; do
     case $1 in
       armhf | arm64) arch=$1 ;;
       --server) server=${2:-} && shift ;;
-      *) die "usage: tools/board.sh start [armhf|arm64] [--server lighttpd|busybox]" ;;
+      --clock) clock=${2:-} && shift ;;
+      *) die "usage: tools/board.sh start [armhf|arm64] [--server lighttpd|busybox] [--clock WHEN]" ;;
     esac
     shift
   done
   case $server in lighttpd | busybox) ;; *) die "--server is lighttpd or busybox" ;; esac
+  # qemu's two forms; its RTC then runs on from there, in UTC as the host's does.
+  [[ $clock =~ ^(utc|[0-9]{4}-[0-9]{2}-[0-9]{2}(T[0-9]{2}:[0-9]{2}:[0-9]{2})?)$ ]] ||
+    die "--clock is a UTC time: 2040-06-01T00:00:00 or 2040-06-01"
   running && die "a board is already running: $(address)"
   local begun=$EPOCHREALTIME qemu machine archive debs
   case $arch in
@@ -131,7 +147,8 @@ start() {
     "$(cat "$state/password")" "$state/image"
   if [ ! -e "$state/data.img" ]; then
     truncate -s 64M "$state/data.img"
-    mkfs.ext4 -q -L data "$state/data.img"
+    # 256-byte inodes: their times go past 2038, 128-byte ones stop there.
+    mkfs.ext4 -q -L data -I 256 "$state/data.img"
   fi
 
   local https http
@@ -141,7 +158,7 @@ start() {
   local booted=$EPOCHREALTIME
   "$qemu" "${machine[@]}" -m 256 -smp 1 -nodefaults -no-user-config -display none -monitor none \
     -kernel "$state/image/kernel" -initrd "$state/image/initrd.gz" \
-    -append "console=ttyAMA0 rdinit=/sbin/init quiet" \
+    -append "console=ttyAMA0 rdinit=/sbin/init quiet" -rtc "base=$clock" \
     -chardev "socket,id=console,path=$state/console.sock,server=on,wait=off,logfile=$state/console.log" \
     -serial chardev:console \
     -drive "if=none,id=data,format=raw,file=$state/data.img" -device virtio-blk-device,drive=data \
@@ -213,6 +230,7 @@ case ${1:-} in
   status)
     running || die "no board is running"
     address
+    echo "board: its clock reads $(console 10 date)"
     ;;
   *) sed -n '/^#   tools/s/^# *//p' "$0" >&2 && exit 2 ;;
 esac

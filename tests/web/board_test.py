@@ -1,7 +1,8 @@
 """The whole stack on an emulated ARM board (tools/board.sh), as the appliance runs it: lighttpd over HTTPS as
 INSTALL.md installs it, the device certificate as the one trust anchor, the daemon under init, syslogd, a data
-partition. argv: CGI SIMULATOR armhf|arm64 (the board builds its own release archive; arm64 runs the first row)."""
-import contextlib, hashlib, json, os, shutil, ssl, subprocess, sys, threading, time, unittest
+partition; today, in 2040 and across 2038-01-19 03:14:07. argv: CGI SIMULATOR armhf|arm64 (the board builds its
+own release archive; arm64 runs the first row)."""
+import contextlib, datetime, json, os, shutil, ssl, subprocess, sys, threading, time, unittest
 from pathlib import Path
 import webenv
 from webenv import HEADER, IP, PROGRAM, request
@@ -13,6 +14,8 @@ MASK, BROADCAST, HOSTNAME = NET + "subnet_mask", NET + "broadcast_addr", NET + "
 SAVED = "Applied and saved the parameter settings"
 TIME_OUT = 30  # cgi.limits in web/servers/lighttpd/tzr4417-rules.conf
 APPLY_DELAY = 3  # seconds the daemon takes to answer apply, where a row slows it
+LAST_32_BIT = 2**31 - 1  # 2038-01-19 03:14:07, the last second a 32-bit time_t holds
+TLS = "/etc/lighttpd/tzr4417/tls"
 ANSWERS = f"REQUEST_METHOD=GET QUERY_STRING=read={IP} /www/cgi-bin/tzr4417.cgi | grep -q '^{{'"
 
 
@@ -42,6 +45,20 @@ def saved():
     return dict(line.split(" ", 1) for line in on_board("cat /data/appliance.conf").splitlines() if " " in line)
 
 
+def logged():
+    """The board's clock, and the program's syslog lines: (seconds since 1970 by their stamp and its year, message)."""
+    clock, *lines = on_board("date +'%s %Y'; grep ' tzr4417.cgi' /var/log/messages || true").splitlines()
+    now, year = clock.split()
+    stamp = lambda line: datetime.datetime.strptime(f"{year} {line[:15]}", "%Y %b %d %H:%M:%S").replace(
+        tzinfo=datetime.timezone.utc).timestamp()
+    return int(now), [(stamp(line), line.split(": ", 1)[1]) for line in lines]
+
+
+def public_key(pem):
+    return subprocess.run(["openssl", "x509", "-noout", "-pubkey"], input=pem, capture_output=True, text=True,
+                          check=True).stdout
+
+
 class BoardTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -55,13 +72,13 @@ class BoardTest(unittest.TestCase):
         cls.start()
 
     @classmethod
-    def start(cls):
-        started = board("start", ARCH, seconds=900)
+    def start(cls, *options):
+        started = board("start", ARCH, *options, seconds=900)
         if started.returncode:
             raise AssertionError("the board did not start: " + started.stdout + started.stderr)
         cls.password = Path(STATE, "password").read_text().strip()
         cls.port = int(Path(STATE, "web").read_text().split()[1])
-        Path(STATE, "cert.pem").write_text(on_board("cat /etc/lighttpd/tzr4417/tls/cert.pem"))
+        Path(STATE, "cert.pem").write_text(on_board(f"cat {TLS}/cert.pem"))
 
     @classmethod
     def tearDownClass(cls):
@@ -76,13 +93,6 @@ class BoardTest(unittest.TestCase):
         return request(self.port, target, headers, user=("admin", self.password), cafile=f"{STATE}/cert.pem",
                        timeout=timeout)
 
-    def fingerprint(self):
-        """The certificate the board serves, as the host sees it."""
-        with ssl.create_connection(("127.0.0.1", self.port)) as raw:
-            context = ssl.create_default_context(cafile=f"{STATE}/cert.pem")
-            with context.wrap_socket(raw, server_hostname="127.0.0.1") as tls:
-                return hashlib.sha256(tls.getpeercert(binary_form=True)).hexdigest()
-
     def slow_daemon(self, *options):
         self.assertEqual(board("daemon", *options).returncode, 0)
         self.addCleanup(board, "daemon")
@@ -91,23 +101,48 @@ class BoardTest(unittest.TestCase):
         status, _, body = self.ask(f"{PROGRAM}?write={name}&value={value}")
         self.assertEqual((status, json.loads(body)["value"]), (200, value))
 
-    def test_1_reads_and_a_write_over_https(self):
+    def reads_and_a_write(self, address, broadcast, delay=APPLY_DELAY, at=None):
+        """Reads, then writes ADDRESS over HTTPS (the board's clock set to AT first, if given) while the daemon's
+        apply takes DELAY seconds: the reply comes first, then the derived BROADCAST and the save. Returns the
+        times of the write's syslog lines, each within the board's clock around the write."""
+        tree = saved()
         status, _, body = self.ask(f"{PROGRAM}?read={IP},{MASK}")
-        self.assertEqual((status, json.loads(body)), (200, {IP: "192.168.1.10", MASK: "255.255.255.0"}))
-        self.slow_daemon("--delay-command", "apply", "--delay-ms", str(APPLY_DELAY * 1000))
+        self.assertEqual((status, json.loads(body)), (200, {IP: tree[IP], MASK: tree[MASK]}))
+        if delay:
+            self.slow_daemon("--delay-command", "apply", "--delay-ms", str(delay * 1000))
+        if at:
+            on_board(f"date -u -s @{at} >/dev/null")
+        before, earlier = logged()
         begun = time.monotonic()
-        status, _, body = self.ask(f"{PROGRAM}?write={IP}&value=10.0.0.5")
-        replied = time.monotonic() - begun
-        self.assertEqual((status, body), (200, b'{ "write": "\\/configuration\\/network\\/ip_addr", '
-                                              b'"value": "10.0.0.5", "reply": "" }\n'))
-        self.assertLess(replied, APPLY_DELAY)
-        self.assertNotIn(SAVED, on_board("cat /var/log/messages"))
-        until_on_board(f"grep -q '{SAVED}' /var/log/messages")
-        self.assertGreaterEqual(time.monotonic() - begun, APPLY_DELAY)
-        log = [line.split(": ", 1)[1] for line in on_board("grep ' tzr4417.cgi' /var/log/messages").splitlines()]
-        self.assertEqual(log, [f"Setting parameter {IP} to 10.0.0.5", f"Setting parameter {BROADCAST} to 10.0.0.255",
-                               SAVED])
-        self.assertEqual([saved()[name] for name in (IP, BROADCAST)], ["10.0.0.5", "10.0.0.255"])
+        status, _, body = self.ask(f"{PROGRAM}?write={IP}&value={address}")
+        if delay:  # the reply comes first
+            self.assertLess(time.monotonic() - begun, delay)
+            self.assertNotIn(SAVED, [message for _, message in logged()[1][len(earlier):]])
+        self.assertEqual((status, json.loads(body)), (200, {"write": IP, "value": address, "reply": ""}))
+        until_on_board(f"grep ' tzr4417.cgi' /var/log/messages | tail -n +{len(earlier) + 1} | grep -q '{SAVED}'")
+        self.assertGreaterEqual(time.monotonic() - begun, delay)
+        after, lines = logged()
+        lines = lines[len(earlier):]
+        self.assertEqual([message for _, message in lines], [f"Setting parameter {IP} to {address}",
+                                                             f"Setting parameter {BROADCAST} to {broadcast}", SAVED])
+        self.assertTrue(all(before <= when <= after for when, _ in lines), (before, lines, after))
+        tree = saved()
+        self.assertEqual([tree[IP], tree[BROADCAST]], [address, broadcast])
+        return [when for when, _ in lines]
+
+    def renewed(self, before):
+        """The certificate made again at this boot for the same key; served, and valid by the board's clock."""
+        now = on_board(f"cat {TLS}/cert.pem")
+        Path(STATE, "cert.pem").write_text(now)  # the one the host trusts from now on
+        self.assertNotEqual(now, before)
+        self.assertEqual(public_key(now), public_key(before))
+        served = ssl.get_server_certificate(("127.0.0.1", self.port))
+        self.assertEqual(ssl.PEM_cert_to_DER_cert(served), ssl.PEM_cert_to_DER_cert(now))
+        on_board(f"openssl s_client -connect 127.0.0.1:443 -CAfile {TLS}/cert.pem -verify_return_error </dev/null")
+
+    def test_1_reads_and_a_write_over_https(self):
+        # armhf's write with a slow apply is the one across 2038-01-19 03:14:07, in the last row.
+        self.reads_and_a_write("10.0.0.5", "10.0.0.255", delay=APPLY_DELAY if ARCH == "arm64" else 0)
 
     @unittest.skipIf(ARCH != "armhf", "one board runs every row")
     def test_2_dependent_writes_that_meet_leave_a_consistent_configuration(self):
@@ -156,21 +191,34 @@ class BoardTest(unittest.TestCase):
         until_on_board("grep -q 'hostname from-chromium' /data/appliance.conf")
 
     @unittest.skipIf(ARCH != "armhf", "one board runs every row")
-    def test_5_reboot_and_power_cut_keep_what_was_saved(self):
-        certificate = self.fingerprint()
-        for value, power in (("rebooted", "reboot"), ("cut", "cut")):
-            with self.subTest(power):
-                before = saves()
-                self.write(HOSTNAME, value)
-                until_on_board(f"[ $(grep -c '{SAVED}' /var/log/messages) -gt {before} ]")  # the save answered
-                self.assertEqual(board(power).returncode, 0)
-                if power == "cut":
-                    # What the next mount will find: the journal's replay, and nothing for e2fsck to repair.
-                    shutil.copy(f"{STATE}/data.img", "/tmp/after-cut.img")
-                    check = subprocess.run(["e2fsck", "-fy", "/tmp/after-cut.img"], capture_output=True, text=True)
-                    self.assertEqual(check.returncode, 0, check.stdout + check.stderr)
-                    self.start()
-                self.assertEqual((saved()[HOSTNAME], self.fingerprint()), (value, certificate))
+    def test_5_reboot_into_2040_and_power_cut_before_2038_keep_what_was_saved(self):
+        # The reboot with the RTC set to 2040, when the certificate made today has expired.
+        certificate, before = Path(STATE, "cert.pem").read_text(), saves()
+        self.write(HOSTNAME, "rebooted")
+        until_on_board(f"[ $(grep -c '{SAVED}' /var/log/messages) -gt {before} ]")  # the save answered
+        on_board("date -u -s '2040-06-01 00:00:00' >/dev/null && hwclock -w -u")
+        self.assertEqual(board("reboot").returncode, 0)
+        self.renewed(certificate)
+        self.assertEqual(saved()[HOSTNAME], "rebooted")
+        times = self.reads_and_a_write("10.40.0.1", "10.40.255.255", delay=0)
+        self.assertEqual(time.gmtime(times[0]).tm_year, 2040)
+        # The login bound's arithmetic on a 2040 clock lets a wrong password through to its check.
+        self.assertEqual(request(self.port, PROGRAM, user=("admin", "wrong"), cafile=f"{STATE}/cert.pem")[0], 401)
+        until_on_board("grep -q \"web: 2040-06-01 .*password doesn't match\" /var/log/messages")
+        # Power cut right after that save. What the next mount will find: the journal's replay, and nothing for
+        # e2fsck to repair.
+        self.assertEqual(board("cut").returncode, 0)
+        shutil.copy(f"{STATE}/data.img", "/tmp/after-cut.img")
+        check = subprocess.run(["e2fsck", "-fy", "/tmp/after-cut.img"], capture_output=True, text=True)
+        self.assertEqual(check.returncode, 0, check.stdout + check.stderr)
+        # Started before 2038-01-19 03:14:07, when the 2040 certificate is not valid yet; the write's detached
+        # apply and save run across that second.
+        certificate = Path(STATE, "cert.pem").read_text()
+        self.start("--clock", "2038-01-19T03:13:30")
+        self.renewed(certificate)
+        self.assertEqual(saved()[IP], "10.40.0.1")
+        times = self.reads_and_a_write("10.38.0.1", "10.38.255.255", at=LAST_32_BIT - 2)
+        self.assertEqual([when > LAST_32_BIT for when in times], [False, False, True])
 
 
 if __name__ == "__main__":

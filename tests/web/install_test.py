@@ -50,6 +50,11 @@ class InstallTest(unittest.TestCase):
             subprocess.run(["chroot", ROOTFS, "/bin/sh", "-c", certificate], check=True, capture_output=True)
             made.append((TLS / "cert.pem").read_bytes())
         self.assertEqual((made[1], (TLS / "key.pem").stat().st_mode & 0o777), (made[0], 0o600))
+        # One due within 30 days is made again, for 10 years.
+        subprocess.run(["openssl", "req", "-x509", "-key", TLS / "key.pem", "-subj", "/CN=encoder", "-days", "29",
+                        "-out", TLS / "cert.pem"], check=True, capture_output=True)
+        subprocess.run(["chroot", ROOTFS, "/bin/sh", "-c", f"{certificate} && openssl x509 -noout -checkend 300000000"
+                        " -in /etc/lighttpd/tzr4417/tls/cert.pem"], check=True, capture_output=True)
         # lighttpd: HTTPS, and a redirect over plain HTTP; busybox httpd: plain HTTP alone.
         for command, plain, port, cafile in zip(servers, (308, 401), (443, 80), (TLS / "cert.pem", None)):
             with self.subTest(command):

@@ -52,9 +52,12 @@ def request(port, target, headers=None, body=None, user=USER, method=None, cafil
     auth = {"Authorization": "Basic " + base64.b64encode(":".join(user).encode()).decode()} if user else {}
     form = {"Content-Type": "application/x-www-form-urlencoded"} if body else {}
     where = {"timeout": timeout, "source_address": source and (source, 0)}
+    context = cafile and ssl.create_default_context(cafile=cafile)
+    if context:  # whatever its dates: a board's clock can be years from this machine's, and the board checks them
+        context.verify_flags |= 0x200000  # OpenSSL's X509_V_FLAG_NO_CHECK_TIME
     host = "::1" if source and ":" in source else "127.0.0.1"
-    connection = (http.client.HTTPSConnection(host, port, context=ssl.create_default_context(
-        cafile=cafile), **where) if cafile else http.client.HTTPConnection(host, port, **where))
+    connection = (http.client.HTTPSConnection(host, port, context=context, **where) if cafile else
+                  http.client.HTTPConnection(host, port, **where))
     try:
         connection.request(method or ("POST" if body else "GET"), target, body, {**auth, **form, **(headers or {})})
         response = connection.getresponse()

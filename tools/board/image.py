@@ -105,6 +105,11 @@ def main(archive, debs, simulator, server, password, out):
     rootfs, package = work / "rootfs", work / "package"
     for folder in (rootfs, package):
         folder.mkdir(parents=True)
+    # Debian 13's packages keep everything under /usr, whose bin, sbin and lib the top ones are links to (12's
+    # put theirs in either: they land in the same folders).
+    for folder in ("bin", "sbin", "lib"):
+        (rootfs / "usr" / folder).mkdir(parents=True)
+        os.symlink(f"usr/{folder}", rootfs / folder)
     with tarfile.open(archive) as tar:
         tar.extractall(package)
     board = guide(next(package.iterdir()), rootfs, password)

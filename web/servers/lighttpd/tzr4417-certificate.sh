@@ -1,8 +1,10 @@
 #!/bin/sh
 # The appliance's TLS key and self-signed certificate for tzr4417-https.conf,
 # made the first time this runs: run it as root at every boot, before the web
-# server starts. A certificate already in FOLDER stays as it is, so the one
-# users have learnt to trust does not change under them.
+# server starts. A certificate already in FOLDER stays as it is while it is
+# valid and will be for 30 days more, so the one users have learnt to trust
+# does not change under them; otherwise it is made again for the same key and
+# names (a browser that pinned the key still accepts it).
 #
 #   tzr4417-certificate.sh FOLDER NAME [NAME-OR-ADDRESS...]
 #
@@ -26,12 +28,6 @@ fingerprint() {
   openssl x509 -in "$dir/cert.pem" -noout -fingerprint -sha256
 }
 
-if [ -e "$dir/cert.pem" ]; then
-  [ -e "$dir/key.pem" ] || fail "$dir/cert.pem has no key.pem beside it: remove the certificate to make a new pair"
-  fingerprint "kept the certificate in $dir"
-  exit 0
-fi
-
 san=
 for name in "$@"; do
   case $name in
@@ -43,9 +39,25 @@ for name in "$@"; do
 done
 [ "$1" = "${cn:-}" ] || fail "the first name is the common name: a host name, not '$1'"
 
+# Valid from now until 30 days on? (Dates in ISO form compare as strings.)
+valid() {
+  start=$(openssl x509 -in "$dir/cert.pem" -noout -startdate -dateopt iso_8601) &&
+    expr "${start#notBefore=}" \<= "$(date -u '+%Y-%m-%d %H:%M:%SZ')" >/dev/null &&
+    openssl x509 -in "$dir/cert.pem" -noout -checkend 2592000 >/dev/null
+}
+
 # A board without a battery-backed clock starts in 1970: a certificate made
-# then would have expired long before anyone sees it, and would be kept.
-[ "$(date +%Y)" -ge 2024 ] || fail "the clock reads $(date): set it (RTC or NTP) before this runs"
+# then would have expired long before anyone sees it, and one made before
+# cannot be judged by it (it is kept).
+clock_set() { [ "$(date +%Y)" -ge 2024 ]; }
+if [ -e "$dir/cert.pem" ]; then
+  [ -e "$dir/key.pem" ] || fail "$dir/cert.pem has no key.pem beside it: remove the certificate to make a new pair"
+  if ! clock_set || valid; then
+    fingerprint "kept the certificate in $dir"
+    exit 0
+  fi
+fi
+clock_set || fail "the clock reads $(date): set it (RTC or NTP) before this runs"
 
 # Everything made from here on is the owner's alone (the key above all), from
 # the moment it exists.
@@ -70,14 +82,23 @@ basicConstraints = critical, CA:FALSE
 keyUsage = critical, digitalSignature
 extendedKeyUsage = serverAuth
 EOF
-openssl req -x509 -config "$new/req.conf" -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes \
-  -days 3650 -keyout "$new/key.pem" -out "$new/cert.pem" 2>"$new/errors" ||
-  fail "openssl could not make the key and certificate: $(cat "$new/errors")"
+if [ -e "$dir/cert.pem" ]; then
+  # The same key; a new serial number, as browsers refuse two certificates
+  # that share an issuer and a serial number.
+  openssl req -x509 -config "$new/req.conf" -key "$dir/key.pem" -days 3650 -out "$new/cert.pem" \
+    2>"$new/errors" || fail "openssl could not renew the certificate: $(cat "$new/errors")"
+  made="renewed the certificate in $dir for its key"
+else
+  openssl req -x509 -config "$new/req.conf" -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes \
+    -days 3650 -keyout "$new/key.pem" -out "$new/cert.pem" 2>"$new/errors" ||
+    fail "openssl could not make the key and certificate: $(cat "$new/errors")"
+  made="made a key and certificate in $dir"
+fi
 
 # On disk before their names are: a power cut must not leave a named but
 # empty file. The certificate comes last: once it is there, so is its key.
-sync "$new/key.pem" "$new/cert.pem"
-mv "$new/key.pem" "$dir/key.pem"
+sync "$new"/*.pem
+[ ! -e "$new/key.pem" ] || mv "$new/key.pem" "$dir/key.pem"
 mv "$new/cert.pem" "$dir/cert.pem"
 sync "$dir"
-fingerprint "made a key and certificate in $dir"
+fingerprint "$made"
