@@ -94,14 +94,17 @@ prepare() {
   [ -f "$archive" ] || die "no release archive for $arch"
 
   # The board's userland: busybox, lighttpd with the modules the snippets
-  # load, openssl for the certificate, and the libraries they link (named:
+  # load, openssl for the certificate, nft for the connection limit, and the
+  # libraries they link (named:
   # letting apt resolve lighttpd against an empty status pulls in systemd and
   # perl). image.py refuses an image whose programs lack a library. armhf's
   # comes from Debian 13, whose 32-bit ARM has 64-bit time_t throughout
   # (12's busybox cannot set a date past 2038); its kernel stays 12's, which
   # has the 64-bit time calls too. Add a package to the list it belongs to.
   local userland=(busybox-static lighttpd lighttpd-mod-openssl lighttpd-modules-lua openssl libc6 libcrypt1
-                  libpcre2-8-0 libxxhash0 liblua5.4-0) suite=()
+                  libpcre2-8-0 libxxhash0 liblua5.4-0
+                  nftables libnftables1 libedit2 libbsd0 libmd0 libtinfo6 libgmp10 libjansson4 libmnl0 libnftnl11
+                  libxtables12) suite=()
   case $arch in
     armhf) userland+=(libnettle8t64 libssl3t64 libzstd1 zlib1g) suite=(--suite trixie) ;;
     arm64) userland+=(libnettle8 libssl3) ;;

@@ -2,7 +2,8 @@
 INSTALL.md installs it, the device certificate as the one trust anchor, the daemon under init, syslogd, a data
 partition; today, in 2040 and across 2038-01-19 03:14:07. argv: CGI SIMULATOR armhf|arm64 (the board builds its
 own release archive; arm64 runs the first row)."""
-import contextlib, datetime, json, os, shutil, ssl, subprocess, sys, threading, time, unittest
+import collections, concurrent.futures, contextlib, datetime, json, os, shutil, ssl, subprocess, sys, threading
+import time, unittest
 from pathlib import Path
 import webenv
 from webenv import HEADER, IP, PROGRAM, request
@@ -17,6 +18,9 @@ APPLY_DELAY = 3  # seconds the daemon takes to answer apply, where a row slows i
 LAST_32_BIT = 2**31 - 1  # 2038-01-19 03:14:07, the last second a 32-bit time_t holds
 TLS = "/etc/lighttpd/tzr4417/tls"
 ANSWERS = f"REQUEST_METHOD=GET QUERY_STRING=read={IP} /www/cgi-bin/tzr4417.cgi | grep -q '^{{'"
+READ = f"{PROGRAM}?read={IP}"
+# What a request that shows only the appliance's cookie gets: a stranger's budget, whoever sends it.
+STRANGER = {"Cookie": "tzr4417-site=1"}
 
 
 def board(*args, seconds=240):
@@ -89,9 +93,16 @@ class BoardTest(unittest.TestCase):
             while os.waitpid(-1, os.WNOHANG)[0]:
                 pass
 
-    def ask(self, target, headers=HEADER, timeout=10):
-        return request(self.port, target, headers, user=("admin", self.password), cafile=f"{STATE}/cert.pem",
-                       timeout=timeout)
+    def ask(self, target, headers=HEADER, timeout=10, password=None):
+        return request(self.port, target, headers, user=("admin", password or self.password),
+                       cafile=f"{STATE}/cert.pem", timeout=timeout)
+
+    def logins(self, tries, password, headers=HEADER):
+        """How many of TRIES reads at once with PASSWORD got each status; the board sees every one come from the
+        same address, and its connection limit lets 32 in at a time."""
+        with concurrent.futures.ThreadPoolExecutor(25) as pool:
+            return collections.Counter(pool.map(lambda _: self.ask(READ, headers, password=password)[0],
+                                                range(tries)))
 
     def slow_daemon(self, *options):
         self.assertEqual(board("daemon", *options).returncode, 0)
@@ -202,9 +213,12 @@ class BoardTest(unittest.TestCase):
         self.assertEqual(saved()[HOSTNAME], "rebooted")
         times = self.reads_and_a_write("10.40.0.1", "10.40.255.255", delay=0)
         self.assertEqual(time.gmtime(times[0]).tm_year, 2040)
-        # The login bound's arithmetic on a 2040 clock lets a wrong password through to its check.
-        self.assertEqual(request(self.port, PROGRAM, user=("admin", "wrong"), cafile=f"{STATE}/cert.pem")[0], 401)
+        # The login guard counts on a 2040 clock: the address logged in, so 10 failures of its own, then 429.
+        self.assertEqual(self.logins(11, "wrong"), {401: 10, 429: 1})
         until_on_board("grep -q \"web: 2040-06-01 .*password doesn't match\" /var/log/messages")
+        # A login stamped just before the power cut, the clock set back to 2038 first.
+        on_board(f"date -u -s @{LAST_32_BIT - 60} >/dev/null")  # lighttpd reads the clock once a second
+        self.assertEqual(webenv.poll(lambda: self.ask(READ)[0], (200).__eq__), 200)
         # Power cut right after that save. What the next mount will find: the journal's replay, and nothing for
         # e2fsck to repair.
         self.assertEqual(board("cut").returncode, 0)
@@ -219,6 +233,10 @@ class BoardTest(unittest.TestCase):
         self.assertEqual(saved()[IP], "10.40.0.1")
         times = self.reads_and_a_write("10.38.0.1", "10.38.255.255", at=LAST_32_BIT - 2)
         self.assertEqual([when > LAST_32_BIT for when in times], [False, False, True])
+        # The guard remembered the login across the power cut: strangers' 50 guesses at the account shut out
+        # strangers, not the owner's address.
+        self.assertEqual(self.logins(50, "wrong", STRANGER), {401: 50})
+        self.assertEqual([self.ask(READ, marks)[0] for marks in (STRANGER, HEADER)], [429, 200])
 
 
 if __name__ == "__main__":

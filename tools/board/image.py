@@ -15,7 +15,8 @@ DEFAULTS = HERE.parent / "appliance-default.conf"
 # the host's loopback through qemu's forwards, which is where its users reach it.
 ADDRESSES = "10.0.2.15 127.0.0.1"
 NETWORK = "10.0.2.0/24"  # qemu's user-mode network: forwarded requests come from 10.0.2.2
-MODULES = ["virtio_mmio", "virtio_net", "virtio_blk", "virtio_rng", "ext4", "crc32c_generic"]
+MODULES = ["virtio_mmio", "virtio_net", "virtio_blk", "virtio_rng", "ext4", "crc32c_generic",
+           "nft_ct", "nft_connlimit", "nft_reject_inet"]  # the guide's connection limit
 # What an appliance's image leaves out: documentation, locales, device trees (qemu makes its own), lighttpd's
 # own configuration (the guide makes the one the board needs) and the C++ build of Lua, which nothing loads.
 SKIP = re.compile(r"^(usr/share|etc|boot|lib/modules|usr/lib/linux-image-[^/]+|usr/lib/[^/]+/(gconv|audit|liblua5.4-c\+\+.*))(/|$)")
@@ -114,6 +115,7 @@ def main(archive, debs, simulator, server, password, out):
         tar.extractall(package)
     board = guide(next(package.iterdir()), rootfs, password)
     commands = {"certificate": next(c for c in board if "certificate" in c),
+                "firewall": next(c for c in board if c.startswith("nft ")),
                 "lighttpd": next(c for c in board if c.startswith("lighttpd")),
                 "busybox": next(c for c in board if "httpd.sh" in c)}
     stage = unpack(Path(debs).resolve())
@@ -143,6 +145,9 @@ def main(archive, debs, simulator, server, password, out):
     tls = rootfs / "etc/lighttpd/tzr4417/tls"
     tls.parent.mkdir(parents=True, exist_ok=True)
     os.symlink("/data/tls", tls)
+    # So does the folder where the login guard remembers who logged in from where.
+    (rootfs / "var/lib/tzr4417").rmdir()
+    os.symlink("/data/tzr4417", rootfs / "var/lib/tzr4417")
     files = subprocess.run(["find", ".", "-mindepth", "1"], cwd=rootfs, check=True, capture_output=True).stdout
     with open(out / "initrd.gz", "wb") as initrd:
         cpio = subprocess.Popen(["cpio", "-o", "-H", "newc", "--quiet", "-R", "0:0"], cwd=rootfs,

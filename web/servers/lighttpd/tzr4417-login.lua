@@ -182,7 +182,8 @@ if not state then
     local before = logins[pair]
     if before and before <= now and now - before < 60 then return end -- renewed once a minute at most
     insert(logins, pair, now, LOGINS)
-    if not written[pair] or now - written[pair] >= DAY then save() end
+    local on_disk = written[pair]
+    if not on_disk or now - on_disk >= DAY or on_disk > now then save() end -- after: the clock was set back
   end
 
   local function sweep(now)
