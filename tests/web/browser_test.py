@@ -45,13 +45,15 @@ VECTORS = {
 REBIND = '<script>fetch("$path", {headers: {"X-Tzr4417-Console": "1", Authorization: "Basic %s"}})</script>' % (
     base64.b64encode(":".join(USER).encode()).decode())
 # A foreign page sends one window of its own to the program again and again with a wrong password in the address
-# (the browser then offers it for the host): the program's bare address, and a plain read.
+# (the browser then offers it for the host): the program's bare address, and a plain read; then it opens the console
+# in 12 windows with a wrong password in theirs.
 POPUP = """<script>
 const popup = open("about:blank");
 let sent = 0;
 const next = () => {
   popup.location = "$scheme://admin:wrong" + sent + "@$host$path" + (sent % 2 ? "?read=/probe-" + sent : "");
-  if (++sent < 100) setTimeout(next, 50);
+  if (++sent < 100) return setTimeout(next, 50);
+  for (let i = 0; i < 12; i++) open("$scheme://admin:wrong" + i + "@$host/console/");
 };
 next();
 </script>"""
@@ -118,8 +120,8 @@ class BrowserTest(unittest.TestCase):
         self.assertIn("1 parameter changed", self.write(NET + "hostname", "moved"))
 
     def test_console_says_what_happened(self):
-        # Credentials typed into the address, at a name that has none cached.
-        self.driver.get(f"{SCHEME}://{':'.join(USER)}@encoder/console/")
+        self.login("encoder")
+        self.driver.get(f"{SCHEME}://encoder/console/")
         self.assertEqual(self.settle(), "Read 4 parameters.")
         for name, value, message, changes in [
                 ("hostname", "studio", "1 parameter changed.", True),
@@ -140,8 +142,9 @@ class BrowserTest(unittest.TestCase):
         Path("/tmp/www/attack/popup.html").write_text(Template(POPUP).substitute(scheme=SCHEME, host=HOME,
                                                                                   path=PROGRAM))
         self.driver.get(ORIGINS["address"] + "/popup.html")
-        probes = lambda: re.findall(r"probe-(\d+)", Path("/tmp/access.log").read_text())  # noqa: E731
-        self.assertIn("99", webenv.poll(probes, lambda seen: "99" in seen, 30))
+        log = lambda: Path("/tmp/access.log").read_text()  # noqa: E731
+        self.assertIn("probe-99", webenv.poll(log, lambda text: "probe-99" in text, 30))
+        self.assertEqual(webenv.poll(lambda: log().count("POST /cgi-bin/"), (12).__le__, 30), 12)  # consoles' reads
         self.driver.switch_to.window(self.driver.window_handles[0])
         self.assertEqual(Path("/tmp/server.log").read_text().count("password doesn't match"), 0)
         self.driver.get(f"{SCHEME}://{HOME}/console/")

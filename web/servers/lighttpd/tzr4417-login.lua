@@ -55,20 +55,19 @@ if not state then
   local logins = {} -- "address account" -> time of the latest login
   local written = {} -- "address account" -> its time in the logins file
   local folder, failed = nil, false
-  local swept = 0
+  local swept, clock = 0, 0
 
   local function log(text)
     print("tzr4417-login.lua: " .. text)
   end
 
-  -- The failures of KEY still in the window at NOW; all of them go when the
-  -- clock was set back past the newest, or they would last until it caught up.
+  -- The failures of KEY still in the window at NOW.
   local function recent(key, now)
     local list = fails[key]
     if not list then return 0 end
     local n, gone = #list, 0
     while gone < n and list[gone + 1] <= now - WINDOW do gone = gone + 1 end
-    if gone == n or list[n] > now then
+    if gone == n then
       fails[key] = nil
       return 0
     end
@@ -268,7 +267,7 @@ if not state then
     local name = header and account_of(header)
     if name == nil then return header and 400 or 0 end
     if not name then return 0 end
-    if now - swept >= WINDOW or now < swept then sweep(now) end
+    if now - swept >= WINDOW then sweep(now) end
 
     local address = r.req_attr["request.remote-addr"] or ""
     local account = md("sha256", name):sub(1, 32)
@@ -311,10 +310,25 @@ if not state then
     return 0
   end
 
+  -- The time the windows go by: the wall clock, held where it was while it
+  -- is set back by a little (a clock stepped back a few seconds would
+  -- otherwise let every failure of those seconds count again). Set back by
+  -- more than a window, the counts start again, or they would last until it
+  -- caught up; logins stamped after it wait (trusted above).
+  local function tick(wall)
+    if wall >= clock then
+      clock = wall
+    elseif clock - wall > WINDOW then
+      clock, swept, fails = wall, wall, {}
+    end
+    return clock
+  end
+
   -- Which stage runs: an answer has its status; the physical path exists
   -- only once the URL has passed mod_auth.
   state = {
-    run = function(r, now)
+    run = function(r, wall)
+      local now = tick(wall)
       if r.req_item.http_status ~= 0 then return answer(r) end
       if r.req_attr["physical.path"] then return physical(r, now) end
       return gate(r, now)
