@@ -1,4 +1,4 @@
-"""The whole stack on an emulated ARM board (tools/board.sh), as the appliance runs it: lighttpd over HTTPS as
+"""The whole stack on an emulated ARM board (board/board.sh), as the appliance runs it: lighttpd over HTTPS as
 INSTALL.md installs it, the device certificate as the one trust anchor, the daemon under init, syslogd, a data
 partition; today, in 2040 and across 2038-01-19 03:14:07. argv: CGI SIMULATOR armhf|arm64 (the board builds its
 own release archive; arm64 runs the first row)."""
@@ -9,7 +9,7 @@ import webenv
 from webenv import HEADER, IP, PROGRAM, request
 
 ARCH = sys.argv[3]
-BOARD, STATE = webenv.sandbox.SRC / "tools/board.sh", "/tmp/board"
+BOARD, STATE = webenv.sandbox.SRC / "board/board.sh", "/tmp/board"
 NET = "/configuration/network/"
 MASK, BROADCAST, HOSTNAME = NET + "subnet_mask", NET + "broadcast_addr", NET + "hostname"
 SAVED = "Applied and saved the parameter settings"
