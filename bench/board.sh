@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 arch=${1:-armhf}
 export TZR_BOARD_DIR=${TZR_BOARD_DIR:-$PWD/build/board-bench}
-board=tools/board.sh
+board=board/board.sh
 
 for _ in 1 2 3; do
   $board start "$arch" | grep 'ready in'

@@ -1,13 +1,13 @@
 #!/usr/bin/python3
 """Concurrent writes through lighttpd (the shipped demo configuration, on
 loopback, in a private /tmp: tools/sandbox.py). CLIENTS clients at once each
-write WRITES parameters of their own; afterwards every write must be in the
-simulator's saved tree, no process of the program may be left, and neither
-lighttpd nor the simulator may hold more descriptors than when idle before.
-With --readers, that many more clients read every known parameter over and
-over meanwhile: the writes' latency shows whether reads starve them.
-Prints the figures; exits 1 when anything was lost, refused or left. Needs
-root.
+write WRITES parameters of their own; then it counts the writes held in the
+simulator's saved tree, the program's processes left, and the descriptors
+lighttpd and the simulator hold against when idle before. With --readers,
+that many more clients read every known parameter over and over meanwhile:
+the writes' latency shows whether reads starve them. Prints the figures and
+judges none: the end-to-end tier shows what requests that meet must do.
+Needs root.
 
   PYTHONPATH=tools bench/load.py CGI SIMULATOR [--clients 8] [--writes 200] [--readers 0]
 """
@@ -16,11 +16,10 @@ import contextlib
 import http.client
 import os
 import statistics
-import sys
 import threading
 import time
 
-import sandbox  # tools/, on PYTHONPATH (ctest sets it)
+import sandbox  # tools/, on PYTHONPATH
 
 
 # What the console and documented scripts send with a write; lighttpd
@@ -125,7 +124,6 @@ def main():
           f"simulator {idle} before, {open_now} after")
     for line in refused[:SHOWN_REFUSALS]:
         print("refused:", line)
-    sys.exit(1 if lost or refused or left or not settled(open_now) else 0)
 
 
 if __name__ == "__main__":

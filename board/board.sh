@@ -5,18 +5,18 @@
 # installed from the release archive as INSTALL.md says, and a data
 # partition that keeps the saved configuration and the device's certificate.
 #
-#   tools/board.sh start [armhf|arm64] [--server lighttpd|busybox] [--clock WHEN]
+#   board/board.sh start [armhf|arm64] [--server lighttpd|busybox] [--clock WHEN]
 #                                   WHEN (UTC, 2040-06-01T00:00:00 or 2040-06-01):
 #                                   the board's real-time clock at power-on
-#   tools/board.sh build [armhf|arm64]   only fetch and build what start needs
-#   tools/board.sh stop             power off cleanly
-#   tools/board.sh reboot           reboot, and wait until it answers again
-#   tools/board.sh cut              pull the power: qemu killed on the spot
-#   tools/board.sh run 'COMMAND' [SECONDS]   a command on the board's serial console
-#   tools/board.sh daemon [OPTION...]   restart the board's daemon with the
+#   board/board.sh build [armhf|arm64]   only fetch and build what start needs
+#   board/board.sh stop             power off cleanly
+#   board/board.sh reboot           reboot, and wait until it answers again
+#   board/board.sh cut              pull the power: qemu killed on the spot
+#   board/board.sh run 'COMMAND' [SECONDS]   a command on the board's serial console
+#   board/board.sh daemon [OPTION...]   restart the board's daemon with the
 #                                   simulator's options (--delay-ms 500: a
 #                                   slow daemon); none: as it boots
-#   tools/board.sh status           the console's address and the board's
+#   board/board.sh status           the console's address and the board's
 #                                   time, if a board runs
 #
 # Everything listens on 127.0.0.1 only. TZR_BOARD_DIR (build/board by
@@ -63,7 +63,7 @@ console() {
   running || die "no board is running"
   exec 9>"$state/console.lock"
   flock 9
-  /usr/bin/python3 tools/board/console.py "$state/console.sock" "$@"
+  /usr/bin/python3 board/console.py "$state/console.sock" "$@"
 }
 
 since() {
@@ -128,7 +128,7 @@ start() {
       armhf | arm64) arch=$1 ;;
       --server) server=${2:-} && shift ;;
       --clock) clock=${2:-} && shift ;;
-      *) die "usage: tools/board.sh start [armhf|arm64] [--server lighttpd|busybox] [--clock WHEN]" ;;
+      *) die "usage: board/board.sh start [armhf|arm64] [--server lighttpd|busybox] [--clock WHEN]" ;;
     esac
     shift
   done
@@ -146,7 +146,7 @@ start() {
 
   mkdir -p "$state"
   [ -s "$state/password" ] || head -c 12 /dev/urandom | base64 | tr -d '/+=' >"$state/password"
-  /usr/bin/python3 tools/board/image.py "$archive" "$debs" "build/$arch/tools/cffs-sim" "$server" \
+  PYTHONPATH=tools /usr/bin/python3 board/image.py "$archive" "$debs" "build/$arch/tools/cffs-sim" "$server" \
     "$(cat "$state/password")" "$state/image"
   if [ ! -e "$state/data.img" ]; then
     truncate -s 64M "$state/data.img"
@@ -171,7 +171,7 @@ start() {
   wait_ready 0
   echo "board: $arch with $server, ready in $(since "$begun") s, of which the boot $(since "$booted") s"
   grep -a -o 'tzr4417-certificate: .*Fingerprint=.*' "$state/console.log" | tr -d '\r' || true
-  echo "board: its serial console: tools/board.sh run 'COMMAND'; power off: tools/board.sh stop"
+  echo "board: its serial console: board/board.sh run 'COMMAND'; power off: board/board.sh stop"
   address
 }
 
@@ -215,7 +215,7 @@ case ${1:-} in
     rm -f "$state/qemu.pid" "$state/console.sock"
     ;;
   run)
-    [ $# -ge 2 ] || die "usage: tools/board.sh run 'COMMAND' [SECONDS]"
+    [ $# -ge 2 ] || die "usage: board/board.sh run 'COMMAND' [SECONDS]"
     status=0
     console "${3:-60}" "$2" || status=$?
     [ $status -eq 0 ] || echo "board: exit status $status" >&2
@@ -235,5 +235,5 @@ case ${1:-} in
     address
     echo "board: its clock reads $(console 10 date)"
     ;;
-  *) sed -n '/^#   tools/s/^# *//p' "$0" >&2 && exit 2 ;;
+  *) sed -n '/^#   board/s/^# *//p' "$0" >&2 && exit 2 ;;
 esac

@@ -6,11 +6,12 @@ in for the appliance's daemon, and this folder's init scripts; packed as an init
 
 ARCHIVE is the release .tar.gz, DEBS a folder of the target's .deb files (one kernel among them), SERVER lighttpd or
 busybox, PASSWORD the console's (the guide's user admin). Writes OUT/kernel and OUT/initrd.gz."""
-import os, re, shutil, subprocess, sys, tarfile
+import os, re, shutil, subprocess, sys
 from pathlib import Path
+import install_guide  # tools/, on PYTHONPATH (board.sh sets it)
 
 HERE = Path(__file__).resolve().parent
-DEFAULTS = HERE.parent / "appliance-default.conf"
+DEFAULTS = HERE.parent / "tools/appliance-default.conf"
 # The guide's board answers at 192.168.1.10 on its network; this one at its user-mode network's address, and at
 # the host's loopback through qemu's forwards, which is where its users reach it.
 ADDRESSES = "10.0.2.15 127.0.0.1"
@@ -24,20 +25,6 @@ SKIP = re.compile(r"^(usr/share|etc|boot|lib/modules|usr/lib/linux-image-[^/]+|u
 
 def run(*command, **options):
     return subprocess.run(command, check=True, **options)
-
-
-def guide(unpacked, rootfs, password):
-    """Runs INSTALL.md's build-machine blocks into ROOTFS; returns its on-board commands, in the guide's order."""
-    blocks = re.findall(r"^```sh\n(.*?)^```", (unpacked / "INSTALL.md").read_text(), re.S | re.M)
-    board = [block.splitlines()[-1].replace("192.168.1.10", ADDRESSES) for block in blocks
-             if block.startswith("# On the board")]
-    script = "\n".join(block for block in blocks if not block.startswith("# On the board"))
-    for name, value in {"ROOTFS": rootfs, "PASSWORD": password, "NETWORK": NETWORK}.items():
-        script, count = re.subn(rf"^{name}=.*$", f"{name}='{value}'", script, flags=re.M)
-        if count != 1:
-            sys.exit(f"image: INSTALL.md no longer sets {name} once")
-    run("sh", "-euc", script, cwd=unpacked)
-    return board
 
 
 def unpack(debs):
@@ -103,21 +90,16 @@ def main(archive, debs, simulator, server, password, out):
     out = Path(out).resolve()
     work = out / "work"
     shutil.rmtree(work, ignore_errors=True)
-    rootfs, package = work / "rootfs", work / "package"
-    for folder in (rootfs, package):
-        folder.mkdir(parents=True)
+    rootfs = work / "rootfs"
+    rootfs.mkdir(parents=True)
     # Debian 13's packages keep everything under /usr, whose bin, sbin and lib the top ones are links to (12's
     # put theirs in either: they land in the same folders).
     for folder in ("bin", "sbin", "lib"):
         (rootfs / "usr" / folder).mkdir(parents=True)
         os.symlink(f"usr/{folder}", rootfs / folder)
-    with tarfile.open(archive) as tar:
-        tar.extractall(package)
-    board = guide(next(package.iterdir()), rootfs, password)
-    commands = {"certificate": next(c for c in board if "certificate" in c),
-                "firewall": next(c for c in board if c.startswith("nft ")),
-                "lighttpd": next(c for c in board if c.startswith("lighttpd")),
-                "busybox": next(c for c in board if "httpd.sh" in c)}
+    guide = install_guide.unpack(archive, work / "package")
+    guide.install(ROOTFS=rootfs, PASSWORD=password, NETWORK=NETWORK)
+    commands = guide.on_board(ADDRESSES)
     stage = unpack(Path(debs).resolve())
     userland(stage, rootfs)
     kernel = modules(stage, rootfs)
