@@ -167,7 +167,9 @@ class ServerTest(unittest.TestCase):
             secret = password if isinstance(password, str) else "wrong"
             basic = f"{scheme} " + base64.b64encode(f"{user}:{secret}".encode()).decode()
             marks = password if isinstance(password, dict) else HEADER
-            status, got, _ = ask(self.port, READ, {**marks, "Authorization": basic}, None, None, source=source)
+            # Under qemu-user 400 runs of the program at once take their time.
+            status, got, _ = ask(self.port, READ, {**marks, "Authorization": basic}, None, None, source=source,
+                                 timeout=60)
             self.assertTrue(status != 429 or 0 < int(got["Retry-After"]) <= WINDOW, got)
             for method, body, headers, early in password if isinstance(password, list) else ():
                 self.assertEqual(ask(self.port, READ, {**HEADER, **headers, "Authorization": basic}, body.encode(), None,
