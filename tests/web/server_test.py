@@ -226,11 +226,9 @@ class ServerTest(unittest.TestCase):
         # The writes busybox let in above have saved first.
         count = lambda word: self.sim.transcript().count(word + "\\r")  # noqa: E731
         saves = webenv.poll(lambda: count("save"), lambda n: n == count("apply"))
-        start = time.monotonic()
         status, _, reply = ask(self.port, f"{PROGRAM}?write={IP}&value=10.0.0.5", HEADER)
-        self.assertLess(time.monotonic() - start, 0.4)
         self.assertEqual((status, json.loads(reply)), (200, {"write": IP, "value": "10.0.0.5", "reply": ""}))
-        self.assertEqual(count("save"), saves)
+        self.assertEqual(count("save"), saves)  # the apply takes a second: a reply that waited would follow the save
         done = webenv.poll(self.sim.transcript, lambda text: text.endswith("apply\\r\nsave\\r\n"), 3)
         self.assertTrue(done.endswith("apply\\r\nsave\\r\n"), done)
 
