@@ -9,8 +9,9 @@
 -- refuse as foreign (another site's page, a foreign Host) never reaches a
 -- password check; the gate itself refuses an Origin other than the page's.
 --
--- Failed checks, each bound over any window of an hour (TZR4417_LOGIN_WINDOW
--- in lighttpd's environment shortens it for tests; a day is 24 windows):
+-- Failed checks, each bound over any window of an hour, in time since boot,
+-- which no setting of the clock moves (TZR4417_LOGIN_WINDOW in lighttpd's
+-- environment shortens the hour for tests; a day is 24 windows):
 --
 --   * from a source without trust (an IPv4 address, or an IPv6 /64, which
 --     one host can fill): 90 over all accounts;
@@ -55,18 +56,18 @@ if not state then
   local logins = {} -- "address account" -> time of the latest login
   local written = {} -- "address account" -> its time in the logins file
   local folder, failed = nil, false
-  local swept, clock = 0, 0
+  local swept, clock = 0, 0 -- in the failures' time (below)
 
   local function log(text)
     print("tzr4417-login.lua: " .. text)
   end
 
-  -- The failures of KEY still in the window at NOW.
-  local function recent(key, now)
+  -- The failures of KEY still in the window at SINCE (uptime, below).
+  local function recent(key, since)
     local list = fails[key]
     if not list then return 0 end
     local n, gone = #list, 0
-    while gone < n and list[gone + 1] <= now - WINDOW do gone = gone + 1 end
+    while gone < n and list[gone + 1] <= since - WINDOW do gone = gone + 1 end
     if gone == n then
       fails[key] = nil
       return 0
@@ -78,11 +79,11 @@ if not state then
     return n - gone
   end
 
-  local function count(keys, now)
+  local function count(keys, since)
     for _, key in ipairs(keys) do
       local list = fails[key] or {}
       fails[key] = list
-      list[#list + 1] = now
+      list[#list + 1] = since
     end
   end
 
@@ -185,9 +186,9 @@ if not state then
     if not on_disk or now - on_disk >= DAY or on_disk > now then save() end -- after: the clock was set back
   end
 
-  local function sweep(now)
-    swept = now
-    for key in pairs(fails) do recent(key, now) end
+  local function sweep(now, since)
+    swept = since
+    for key in pairs(fails) do recent(key, since) end
     for pair, at in pairs(logins) do
       if now - at >= DAY then logins[pair] = nil end
     end
@@ -237,11 +238,23 @@ if not state then
     return cookies:find(";tzr4417-site=1;", 1, true) and "site"
   end
 
-  local function refuse(r, key, now)
-    r.resp_header["Retry-After"] = tostring(math.max(1, fails[key][1] + WINDOW - now))
+  local function refuse(r, key, since)
+    r.resp_header["Retry-After"] = tostring(math.max(1, fails[key][1] + WINDOW - since))
     r.resp_header["Content-Type"] = "text/plain; charset=utf-8"
     r.resp_body.set({ "Too many failed logins: try again later.\n" })
     return 429
+  end
+
+  -- The time the failures' windows go by: seconds since boot, which no
+  -- setting of the wall clock moves (stepped back, failures would count
+  -- again; forward, they would go early). Where /proc cannot be read, the
+  -- wall clock, held where it was while it is set back.
+  local function uptime(now)
+    local file = io.open("/proc/uptime")
+    local up = file and file:read("n")
+    if file then file:close() end
+    clock = up and math.floor(up) or math.max(clock, now)
+    return clock
   end
 
   local function gate(r, now)
@@ -267,16 +280,17 @@ if not state then
     local name = header and account_of(header)
     if name == nil then return header and 400 or 0 end
     if not name then return 0 end
-    if now - swept >= WINDOW then sweep(now) end
+    local since = uptime(now)
+    if since - swept >= WINDOW then sweep(now, since) end
 
     local address = r.req_attr["request.remote-addr"] or ""
     local account = md("sha256", name):sub(1, 32)
     local keys = { "s" .. source_of(address), "u" .. account, "*" }
     if from == "page" and trusted(address .. " " .. account, now) then keys = { "a" .. address, "f" .. account } end
     for _, list in ipairs(keys) do
-      if recent(list, now) >= LIMIT[list:sub(1, 1)] then return refuse(r, list, now) end
+      if recent(list, since) >= LIMIT[list:sub(1, 1)] then return refuse(r, list, since) end
     end
-    count(keys, now)
+    count(keys, since)
     r.req_env[MARK] = account .. " " .. table.concat(keys, " ")
     return 0
   end
@@ -310,25 +324,10 @@ if not state then
     return 0
   end
 
-  -- The time the windows go by: the wall clock, held where it was while it
-  -- is set back by a little (a clock stepped back a few seconds would
-  -- otherwise let every failure of those seconds count again). Set back by
-  -- more than a window, the counts start again, or they would last until it
-  -- caught up; logins stamped after it wait (trusted above).
-  local function tick(wall)
-    if wall >= clock then
-      clock = wall
-    elseif clock - wall > WINDOW then
-      clock, swept, fails = wall, wall, {}
-    end
-    return clock
-  end
-
   -- Which stage runs: an answer has its status; the physical path exists
   -- only once the URL has passed mod_auth.
   state = {
-    run = function(r, wall)
-      local now = tick(wall)
+    run = function(r, now)
       if r.req_item.http_status ~= 0 then return answer(r) end
       if r.req_attr["physical.path"] then return physical(r, now) end
       return gate(r, now)
