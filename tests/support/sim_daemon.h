@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "cffs_sim/in_process.h"
 #include "config_client/daemon_setup.h"
 #include "config_client/parameter_map.h"
+#include "simulator/in_process.h"
 
 using Strings = std::vector<std::string>;
 using Millis = std::chrono::milliseconds;

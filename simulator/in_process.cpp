@@ -1,4 +1,4 @@
-#include "cffs_sim/in_process.h"
+#include "simulator/in_process.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -9,7 +9,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "cffs_sim/server.h"
+#include "simulator/server.h"
 
 namespace {
 

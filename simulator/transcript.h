@@ -3,8 +3,8 @@
 // each line goes out in a single write(2) on an O_APPEND descriptor as soon
 // as its request is framed; a reader never sees half a line.
 
-#ifndef TZR_TOOLS_CFFS_SIM_TRANSCRIPT_H_
-#define TZR_TOOLS_CFFS_SIM_TRANSCRIPT_H_
+#ifndef TZR_SIMULATOR_TRANSCRIPT_H_
+#define TZR_SIMULATOR_TRANSCRIPT_H_
 
 #include <string>
 #include <string_view>
@@ -31,4 +31,4 @@ class Transcript {
   bool warned_ = false;
 };
 
-#endif  // TZR_TOOLS_CFFS_SIM_TRANSCRIPT_H_
+#endif  // TZR_SIMULATOR_TRANSCRIPT_H_

@@ -25,11 +25,11 @@
 // Every send() uses MSG_NOSIGNAL (and serve() ignores SIGPIPE too); a peer
 // that vanishes only ends its own connection.
 
-#ifndef TZR_TOOLS_CFFS_SIM_SERVER_H_
-#define TZR_TOOLS_CFFS_SIM_SERVER_H_
+#ifndef TZR_SIMULATOR_SERVER_H_
+#define TZR_SIMULATOR_SERVER_H_
 
-#include "cffs_sim/options.h"
-#include "cffs_sim/tree.h"
+#include "simulator/options.h"
+#include "simulator/tree.h"
 
 // Removes a stale socket file at options.socketPath (one that refuses
 // connections; a live one makes this fail instead), binds (and unless
@@ -45,4 +45,4 @@ int serve(const Options& options, Tree& tree);
 // process's signal handling alone.
 int serveInThread(const Options& options, Tree& tree, int readyFd, int stopFd);
 
-#endif  // TZR_TOOLS_CFFS_SIM_SERVER_H_
+#endif  // TZR_SIMULATOR_SERVER_H_

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "cffs_sim/options.h"
-#include "cffs_sim/server.h"
-#include "cffs_sim/tree.h"
+#include "simulator/options.h"
+#include "simulator/server.h"
+#include "simulator/tree.h"
 
 int main(int argc, char** argv) {
   Options options;

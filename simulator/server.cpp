@@ -1,4 +1,4 @@
-#include "cffs_sim/server.h"
+#include "simulator/server.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -18,10 +18,10 @@
 #include <string_view>
 #include <vector>
 
-#include "cffs_sim/escape.h"
-#include "cffs_sim/output_queue.h"
-#include "cffs_sim/protocol.h"
-#include "cffs_sim/transcript.h"
+#include "simulator/escape.h"
+#include "simulator/output_queue.h"
+#include "simulator/protocol.h"
+#include "simulator/transcript.h"
 
 namespace {
 

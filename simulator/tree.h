@@ -18,8 +18,8 @@
 // load; the paths of a real configuration contain none of these bytes and
 // read the same either way.
 
-#ifndef TZR_TOOLS_CFFS_SIM_TREE_H_
-#define TZR_TOOLS_CFFS_SIM_TREE_H_
+#ifndef TZR_SIMULATOR_TREE_H_
+#define TZR_SIMULATOR_TREE_H_
 
 #include <map>
 #include <string>
@@ -53,4 +53,4 @@ std::string savingFile(const std::string& file);
 // `dir` may end in '/' or not; "/" is the root.
 bool listChildren(const Tree& tree, std::string_view dir, std::vector<std::string>& names);
 
-#endif  // TZR_TOOLS_CFFS_SIM_TREE_H_
+#endif  // TZR_SIMULATOR_TREE_H_

@@ -8,8 +8,8 @@
 // Each option is its own argument followed by its value as the next one
 // ("--chunk 3", not "--chunk=3").  Numbers are plain decimal.
 
-#ifndef TZR_TOOLS_CFFS_SIM_OPTIONS_H_
-#define TZR_TOOLS_CFFS_SIM_OPTIONS_H_
+#ifndef TZR_SIMULATOR_OPTIONS_H_
+#define TZR_SIMULATOR_OPTIONS_H_
 
 #include <cstddef>
 #include <string>
@@ -43,4 +43,4 @@ ParseResult parseOptions(const std::vector<std::string>& args, Options& options,
 
 extern const char kUsage[];
 
-#endif  // TZR_TOOLS_CFFS_SIM_OPTIONS_H_
+#endif  // TZR_SIMULATOR_OPTIONS_H_

@@ -4,15 +4,15 @@
 // default, its socket (cffs_uds), beside which clients keep their lock files.
 // Nothing needs root, and nothing outlives the object.
 
-#ifndef TZR_TOOLS_CFFS_SIM_IN_PROCESS_H_
-#define TZR_TOOLS_CFFS_SIM_IN_PROCESS_H_
+#ifndef TZR_SIMULATOR_IN_PROCESS_H_
+#define TZR_SIMULATOR_IN_PROCESS_H_
 
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "cffs_sim/options.h"
-#include "cffs_sim/tree.h"
+#include "simulator/options.h"
+#include "simulator/tree.h"
 
 class InProcessSimulator {
  public:
@@ -44,4 +44,4 @@ class InProcessSimulator {
   std::thread thread_;
 };
 
-#endif  // TZR_TOOLS_CFFS_SIM_IN_PROCESS_H_
+#endif  // TZR_SIMULATOR_IN_PROCESS_H_

@@ -1,9 +1,9 @@
-#include "cffs_sim/options.h"
+#include "simulator/options.h"
 
 #include <charconv>
 #include <climits>
 
-#include "cffs_sim/escape.h"
+#include "simulator/escape.h"
 
 const char kUsage[] =
     "usage: cffs-sim [--socket PATH] [--config FILE] [--transcript FILE] [--verbose]\n"

@@ -1,4 +1,4 @@
-#include "cffs_sim/transcript.h"
+#include "simulator/transcript.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "cffs_sim/escape.h"
+#include "simulator/escape.h"
 
 Transcript::~Transcript() {
   if (fd_ >= 0) ::close(fd_);

@@ -1,4 +1,4 @@
-#include "cffs_sim/tree.h"
+#include "simulator/tree.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <set>
 
-#include "cffs_sim/escape.h"
+#include "simulator/escape.h"
 
 namespace {
 
