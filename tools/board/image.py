@@ -10,7 +10,7 @@ import os, re, shutil, subprocess, sys, tarfile
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
-DEFAULTS = HERE.parent / "appliance-default.conf"
+DEFAULTS = HERE.parents[1] / "simulator/appliance-default.conf"
 # The guide's board answers at 192.168.1.10 on its network; this one at its user-mode network's address, and at
 # the host's loopback through qemu's forwards, which is where its users reach it.
 ADDRESSES = "10.0.2.15 127.0.0.1"
