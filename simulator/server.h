@@ -6,16 +6,20 @@
 // or paused client does not hold up the others.  poll() sleeps until the
 // earliest due time or the next socket event.
 //
-// Per connection, with requests counted from 1:
-// - --reset-at K: request K is never read.  Requests before it are taken
-//   from the socket by peeking first and consuming exactly through their CR;
-//   once request K-1 is answered, the first byte of anything else (a lone
-//   leading LF aside) closes the connection.  Unread data at close() makes
-//   Linux fail the peer's next recv() with ECONNRESET.  Replies still queued
-//   at that moment are dropped.
-// - --hangup-at K: request K is read and recorded, then no more is read and
-//   the connection is closed once replies to earlier requests have gone out:
-//   the peer sees end of file.  K = 0 closes right after accept().
+// The planted fault (options.h) happens once:
+// - Fault::Reset: while it waits, requests are taken from the socket by
+//   peeking first and consuming exactly through their CR, and only once a
+//   whole request is in sight and is not the one; the one is left unread
+//   and the connection closed: unread data at close() makes Linux fail the
+//   peer's next recv() with ECONNRESET.  Replies still queued at that
+//   moment are dropped.
+// - Fault::HangUp: the request is read and recorded, then no more is read
+//   and the connection is closed once replies to earlier requests have gone
+//   out: the peer sees end of file.
+// - Fault::HangUpAfterGreeting: nothing is read, and the connection is
+//   closed once its greeting has gone out.
+//
+// Per connection:
 // - A request longer than kMaxRequestBytes is answered "Request too long"
 //   and not carried out; the transcript keeps its first 64 bytes, "... (",
 //   its length and " bytes)". Memory stays bounded while it arrives.
@@ -29,6 +33,7 @@
 #define TZR_SIMULATOR_SERVER_H_
 
 #include "simulator/options.h"
+#include "simulator/transcript.h"
 #include "simulator/tree.h"
 
 // Removes a stale socket file at options.socketPath (one that refuses
@@ -39,10 +44,12 @@
 // cannot be opened.
 int serve(const Options& options, Tree& tree);
 
-// The same for a test that runs the simulator in a thread of its own: once
-// it listens it writes one byte to `readyFd`, and it serves until `stopFd`
-// is readable (a pipe's read end whose write end was closed), leaving the
-// process's signal handling alone.
-int serveInThread(const Options& options, Tree& tree, int readyFd, int stopFd);
+// The same for a program that runs the simulator in a thread of its own,
+// recording into `transcript` (options.transcriptFile is not looked at):
+// once it listens it writes one byte to `readyFd`, and it serves until
+// `stopFd` is readable (a pipe's read end whose write end was closed),
+// leaving the process's signal handling alone.
+int serveInThread(const Options& options, Tree& tree, Transcript& transcript, int readyFd,
+                  int stopFd);
 
 #endif  // TZR_SIMULATOR_SERVER_H_

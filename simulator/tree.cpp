@@ -107,6 +107,11 @@ bool loadTree(const std::string& file, Tree& tree, std::string& error) {
   return true;
 }
 
+bool loadTreeAtStart(const std::string& file, Tree& tree, std::string& error) {
+  ::unlink(savingFile(file).c_str());
+  return loadTree(file, tree, error);
+}
+
 bool saveTree(const Tree& tree, const std::string& file, std::string& error) {
   // One name, not a fresh one per save: a save cut short by a crash leaves
   // at most this file, which the next save starts over.

@@ -45,8 +45,12 @@ bool loadTree(const std::string& file, Tree& tree, std::string& error);
 bool saveTree(const Tree& tree, const std::string& file, std::string& error);
 
 // FILE.saving: where a save writes before it renames. A crash in a save
-// leaves it behind; the simulator removes it when it starts.
+// leaves it behind.
 std::string savingFile(const std::string& file);
+
+// loadTree() for a simulator that starts: first removes the savingFile()
+// that a save cut short left behind.
+bool loadTreeAtStart(const std::string& file, Tree& tree, std::string& error);
 
 // If `dir` names a directory of `tree` (some stored path continues it past
 // a '/'), fills `names` with its direct children in order and returns true.

@@ -161,9 +161,9 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
   return result;
 }
 
-Strings fixedSocket(Strings arguments) {
-  arguments.insert(arguments.begin(), {"--socket", "/tmp/cffs_uds"});
-  return arguments;
+Options fixedSocket(Options options) {
+  options.socketPath = kApplianceSocket;
+  return options;
 }
 
 SyslogCapture::SyslogCapture() : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
