@@ -39,7 +39,7 @@ struct CgiRequest {
   std::string body = {};  // CONTENT_LENGTH is its size unless `env` sets one
   std::string contentType = "application/x-www-form-urlencoded";
   std::vector<std::pair<std::string, std::string>> env = {};
-  // As user nobody allowed no second process, so that fork fails.
+  // As a user that no other process is, allowed no second process: fork fails.
   bool forkFails = false;
   // Asked, with the output so far, while the program runs.
   std::function<bool(const CgiResult& sofar)> giveUpWhen = {};
