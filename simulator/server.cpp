@@ -196,6 +196,9 @@ void Server::accept(Clock::time_point now) {
     log(*c, "accepted");
     c->output.push(kGreeting, options_.trailer, now + delayFor(""));
     if (waits(Fault::HangUpAfterGreeting)) {
+      // Shut for reading first: however soon the peer answers the greeting,
+      // its send() fails, whether or not the close() has come yet.
+      ::shutdown(fd, SHUT_RD);
       fault(*c, "hangup-after-greeting: closing once greeted");
       c->reading = false;
     }

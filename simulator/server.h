@@ -16,8 +16,9 @@
 // - Fault::HangUp: the request is read and recorded, then no more is read
 //   and the connection is closed once replies to earlier requests have gone
 //   out: the peer sees end of file.
-// - Fault::HangUpAfterGreeting: nothing is read, and the connection is
-//   closed once its greeting has gone out.
+// - Fault::HangUpAfterGreeting: the connection is shut for reading at once,
+//   so that the peer's every send() fails with EPIPE, and closed once its
+//   greeting has gone out.
 //
 // Per connection:
 // - A request longer than kMaxRequestBytes is answered "Request too long"
