@@ -91,7 +91,10 @@ ParseResult parseOptions(const std::vector<std::string>& args, Options& options,
     if (chunk > 0) options.chunk = static_cast<size_t>(chunk);
     if (known) continue;
 
-    if (name == "--socket") {
+    if (name == "--socket" && value.empty()) {
+      error = "--socket needs a path";
+      return ParseResult::Error;
+    } else if (name == "--socket") {
       options.socketPath = value;
     } else if (name == "--config") {
       options.configFile = value;
@@ -109,10 +112,6 @@ ParseResult parseOptions(const std::vector<std::string>& args, Options& options,
       error = "unknown argument " + name;
       return ParseResult::Error;
     }
-  }
-  if (options.socketPath.empty()) {
-    error = "--socket needs a path";
-    return ParseResult::Error;
   }
   return ParseResult::Run;
 }
