@@ -52,7 +52,8 @@ TEST(UdsConnectionTest, ExchangesRequestsAndReplies) {
 // Every failure closes the connection for good: later exchanges fail without
 // touching their reply; a daemon gone is an error, never a SIGPIPE. Unattended,
 // a hang-up or a silent daemon fails the exchange too; attended, so does the
-// web server giving up (Abandoned, ending nothing), after a hang-up once the lock is let go.
+// web server giving up (Abandoned, ending nothing, the lock let go), after a hang-up once the
+// lock is let go.
 TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
   const std::string messages[] = {
       "Ready",           "UDS open failed", "UDS connect failed",        "UDS write failed",
@@ -124,6 +125,7 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
     const std::string error = row.error ? std::string(": ") + strerror(row.error) : "";
     EXPECT_EQ(messages[static_cast<int>(row.status)] + error, connection.statusText());
     EXPECT_FALSE(connection.isOpen());
+    EXPECT_TRUE(row.status != UdsStatus::Abandoned || lockIsFree(setup.lockPath));
     if (connection.isOpen()) continue;
     text = "kept";
     EXPECT_FALSE(connection.execute("ls /a", text));
