@@ -25,7 +25,7 @@ import sandbox  # tools/, on PYTHONPATH (bench/run.sh)
 ROOT = Path(__file__).resolve().parents[1]
 
 BASELINE = ROOT / "bench/callgrind-baseline.txt"
-DEFAULT_CONF = ROOT / "tools/appliance-default.conf"
+DEFAULT_CONF = ROOT / "simulator/appliance-default.conf"
 IP = "/configuration/network/ip_addr"
 HOST = "/configuration/network/hostname"
 MS = 1e3
@@ -395,7 +395,7 @@ def main():
     rounds = 3 if args.quick else 7
     scale = 0.3 if args.quick else 1.0
     tools = Path(args.tools)
-    sim = tools / "tools/cffs-sim"
+    sim = tools / "simulator/cffs-sim"
     floor = tools / "bench/floor_cgi"
     fixed = tools / "bench/fixed_cgi"
     program = args.static

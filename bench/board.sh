@@ -20,7 +20,7 @@ password=$(cat "$TZR_BOARD_DIR/password")
 port=$(awk '{ print $2 }' "$TZR_BOARD_DIR/web")
 $board run 'cat /etc/lighttpd/tzr4417/tls/cert.pem' >"$TZR_BOARD_DIR/cert.pem"
 program=https://127.0.0.1:$port/cgi-bin/tzr4417.cgi
-every=$(awk '/^\// { print $1 }' tools/appliance-default.conf | paste -sd,)
+every=$(awk '/^\// { print $1 }' simulator/appliance-default.conf | paste -sd,)
 
 median() {
   sort -n | awk '{ t[NR] = $1 * 1000 } END { printf "%.1f ms (median of %d; %.1f to %.1f)\n", t[int((NR + 1) / 2)], NR, t[1], t[NR] }'

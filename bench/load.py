@@ -48,7 +48,7 @@ def write_all(port, client, writes, refused, latencies):
 
 def read_all(port, done, refused, reads):
     """Reads every known parameter until `done` is set."""
-    with open(sandbox.SRC / "tools/appliance-default.conf") as tree:
+    with open(sandbox.SRC / "simulator/appliance-default.conf") as tree:
         names = ",".join(line.split()[0] for line in tree if line.startswith("/"))
     connection = http.client.HTTPConnection("127.0.0.1", port, timeout=REQUEST_TIMEOUT)
     while not done.is_set():

@@ -146,7 +146,7 @@ start() {
 
   mkdir -p "$state"
   [ -s "$state/password" ] || head -c 12 /dev/urandom | base64 | tr -d '/+=' >"$state/password"
-  PYTHONPATH=tools /usr/bin/python3 board/image.py "$archive" "$debs" "build/$arch/tools/cffs-sim" "$server" \
+  PYTHONPATH=tools /usr/bin/python3 board/image.py "$archive" "$debs" "build/$arch/simulator/cffs-sim" "$server" \
     "$(cat "$state/password")" "$state/image"
   if [ ! -e "$state/data.img" ]; then
     truncate -s 64M "$state/data.img"

@@ -11,7 +11,7 @@ from pathlib import Path
 import install_guide  # tools/, on PYTHONPATH (board.sh sets it)
 
 HERE = Path(__file__).resolve().parent
-DEFAULTS = HERE.parent / "tools/appliance-default.conf"
+DEFAULTS = HERE.parent / "simulator/appliance-default.conf"
 # The guide's board answers at 192.168.1.10 on its network; this one at its user-mode network's address, and at
 # the host's loopback through qemu's forwards, which is where its users reach it.
 ADDRESSES = "10.0.2.15 127.0.0.1"

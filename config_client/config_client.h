@@ -21,8 +21,8 @@
 
 class ConfigClient {
  public:
-  // A read takes the lock shared, a write exclusively (daemon_lock.h).
-  // `daemon`'s paths must outlive the client.
+  // Takes the lock in `lock` mode (daemon_lock.h); the default takes none. A read asks
+  // Shared, a write Exclusive. `daemon`'s paths must outlive the client.
   explicit ConfigClient(const DaemonSetup& daemon, LockMode lock = LockMode::None);
   ~ConfigClient();
 

@@ -120,7 +120,7 @@ bool UdsConnection::sendLine(std::string_view line) {
     line_ += '\r';
     line = line_;
   }
-  // A short count is taken as success: requests are short single lines.
+  // A short count is success: blocking, it comes only of a hang-up mid-line, which recv() meets.
   if (::send(fd_, line.data(), line.size(), MSG_NOSIGNAL) < 0) {
     setStatus(UdsStatus::WriteFailed, errno);
     close();

@@ -48,7 +48,6 @@ class UdsConnection {
   UdsConnection(const UdsConnection&) = delete;
   UdsConnection& operator=(const UdsConnection&) = delete;
 
-  void open();
   void close();  // the socket only: the lock is held until releaseLock()
   bool isOpen() const { return fd_ >= 0; }
 
@@ -76,6 +75,8 @@ class UdsConnection {
   int savedErrno() const { return savedErrno_; }
 
  private:
+  // Only the constructor opens: it alone reads the greeting that follows.
+  void open();
   void setStatus(UdsStatus status, int error);
   bool awaitReply();
   bool awaitAbandonment();

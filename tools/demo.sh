@@ -47,9 +47,9 @@ mkdir -p "$demo"
 cmake --install build --prefix "$demo/www" >/dev/null
 
 # The simulator saves into its own copy, never into the shipped default.
-cp tools/appliance-default.conf "$demo/appliance.conf"
+cp simulator/appliance-default.conf "$demo/appliance.conf"
 : >"$demo/transcript"
-coproc SIMULATOR { exec build/tools/cffs-sim --config "$demo/appliance.conf" \
+coproc SIMULATOR { exec build/simulator/cffs-sim --config "$demo/appliance.conf" \
   --transcript "$demo/transcript" --verbose 2>"$demo/simulator.log"; }
 echo "$SIMULATOR_PID" >"$demo/simulator.pid"
 read -r -t 5 ready <&"${SIMULATOR[0]}" || true

@@ -87,7 +87,7 @@ def install(cgi, www="/tmp/www"):
     else:
         os.symlink(os.path.abspath(cgi), f"{www}/cgi-bin/tzr4417.cgi")
     shutil.copytree(SRC / "web/console", f"{www}/console")
-    shutil.copy(SRC / "tools/appliance-default.conf", f"{www}/console/parameters.conf")
+    shutil.copy(SRC / "simulator/appliance-default.conf", f"{www}/console/parameters.conf")
 
 
 def spawn(command, **options):
@@ -109,7 +109,7 @@ class Simulator:
     Quiet, it keeps neither transcript nor log, each a write per request that
     a measurement would count against the program."""
 
-    def __init__(self, sim, *options, tree=SRC / "tools/appliance-default.conf", quiet=False):
+    def __init__(self, sim, *options, tree=SRC / "simulator/appliance-default.conf", quiet=False):
         shutil.copy(tree, "/tmp/appliance.conf")
         records = [] if quiet else ["--transcript", "/tmp/transcript", "--verbose"]
         with open("/tmp/simulator.log", "w") as log:

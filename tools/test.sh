@@ -7,8 +7,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/install-deps.sh
 tools/build.sh
-if runuser -u nobody -- test -x build/tests/unit_tests; then
-  runuser -u nobody -- build/tests/unit_tests --gtest_brief=1
-fi
+for tests in build/tests/unit_tests build/simulator/tests/simulator_tests; do
+  if runuser -u nobody -- test -x "$tests"; then
+    runuser -u nobody -- "$tests" --gtest_brief=1
+  fi
+done
 cd build
 ctest -j"$(nproc)" --output-on-failure --timeout 120

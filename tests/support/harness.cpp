@@ -18,6 +18,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -29,7 +30,25 @@ void check(bool ok, const char* what) {
   abort();
 }
 
-[[noreturn]] void execCgi(const CgiRequest& request, int in, int out) {
+// A user id that no process on the machine has: the kernel counts a user's
+// processes machine-wide, so a limit of one process holds for it alone. One
+// per test program (by its pid), so that two running at once do not share it.
+uid_t unusedUid() {
+  std::set<uid_t> used;
+  for (const auto& process : std::filesystem::directory_iterator("/proc")) {
+    std::ifstream status(process.path() / "status");
+    for (std::string word; status >> word;) {
+      if (word != "Uid:") continue;
+      for (uid_t uid; status.peek() != '\n' && status >> uid;) used.insert(uid);
+      break;
+    }
+  }
+  uid_t uid = 2000000000 + static_cast<uid_t>(getpid());
+  while (used.count(uid)) ++uid;
+  return uid;
+}
+
+[[noreturn]] void execCgi(const CgiRequest& request, uid_t alone, int in, int out) {
   dup2(in, 0);
   dup2(out, 1);
   signal(SIGPIPE, SIG_DFL);
@@ -47,9 +66,8 @@ void check(bool ok, const char* what) {
     // An emulated process has a helper thread of the emulator's beside it.
     const rlim_t tasks = std::string(TZR_EMULATOR).empty() ? 1 : 2;
     rlimit limit = {tasks, tasks};
-    const uid_t nobody = 65534;
-    check(setrlimit(RLIMIT_NPROC, &limit) == 0 && setgid(nobody) == 0 && setuid(nobody) == 0,
-          "become nobody");
+    check(setrlimit(RLIMIT_NPROC, &limit) == 0 && setgid(alone) == 0 && setuid(alone) == 0,
+          "become a user of its own");
 #ifdef __SANITIZE_ADDRESS__
     // LeakSanitizer needs a process of its own, which the limit forbids.
     variables["ASAN_OPTIONS"] += ":detect_leaks=0";
@@ -78,7 +96,7 @@ struct Sandboxed : testing::Environment {
   void SetUp() override {
     errno = EPERM;
     check(getenv("TZR_SANDBOX") != nullptr, "run me through tools/sandbox.py run (ctest does)");
-    umask(0);  // what the harness makes is open to a program run as user nobody
+    umask(0);  // what the harness makes is open to a program run as another user
   }
 };
 testing::Environment* const kSandboxed = testing::AddGlobalTestEnvironment(new Sandboxed);
@@ -123,8 +141,9 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
   int in[2], out[2];
   check(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0, "pipe");
   CgiResult result;
+  const uid_t alone = request.forkFails ? unusedUid() : 0;
   result.pid = fork();
-  if (result.pid == 0) execCgi(request, in[0], out[1]);
+  if (result.pid == 0) execCgi(request, alone, in[0], out[1]);
   close(in[0]);
   close(out[1]);
   // Body and reply move together, neither side blocking; a program that
@@ -161,16 +180,16 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
   return result;
 }
 
-Strings fixedSocket(Strings arguments) {
-  arguments.insert(arguments.begin(), {"--socket", "/tmp/cffs_uds"});
-  return arguments;
+Options fixedSocket(Options options) {
+  options.socketPath = kApplianceSocket;
+  return options;
 }
 
 SyslogCapture::SyslogCapture() : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
   sockaddr_un address = {AF_UNIX, "/dev/log"};
   unlink(address.sun_path);
   check(bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0, "bind /dev/log");
-  chmod(address.sun_path, 0666);  // for a program run as nobody
+  chmod(address.sun_path, 0666);  // for a program run as another user
 }
 
 SyslogCapture::~SyslogCapture() {

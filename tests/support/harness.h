@@ -39,7 +39,7 @@ struct CgiRequest {
   std::string body = {};  // CONTENT_LENGTH is its size unless `env` sets one
   std::string contentType = "application/x-www-form-urlencoded";
   std::vector<std::pair<std::string, std::string>> env = {};
-  // As user nobody allowed no second process, so that fork fails.
+  // As a user that no other process is, allowed no second process: fork fails.
   bool forkFails = false;
   // Asked, with the output so far, while the program runs.
   std::function<bool(const CgiResult& sofar)> giveUpWhen = {};
@@ -48,9 +48,9 @@ struct CgiRequest {
 // The server gives up when the output has not ended within `limit`.
 CgiResult runCgi(const CgiRequest& request, Millis limit = Millis(5000));
 
-// The simulator's `arguments` (such as faults) on the program's own socket,
-// "/tmp/cffs_uds": InProcessSimulator sim(tree, fixedSocket({...})).
-Strings fixedSocket(Strings arguments = {});
+// `options` (such as a fault) on the program's own socket, "/tmp/cffs_uds":
+// InProcessSimulator sim(tree, fixedSocket(withFault(...))).
+Options fixedSocket(Options options = {});
 
 // (priority, message) pairs, e.g. (LOG_USER | LOG_INFO, "Setting ...").
 using Log = std::vector<std::pair<int, std::string>>;

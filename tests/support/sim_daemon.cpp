@@ -4,8 +4,6 @@
 #include <sys/file.h>
 #include <syslog.h>
 
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 // The rules log what they record; outside a sandbox, not into the machine's log.
@@ -21,16 +19,10 @@ bool waitUntil(const std::function<bool()>& done, Millis limit) {
 }
 
 ParameterMap defaultTree() {
-  std::ostringstream text;
-  text << std::ifstream(TZR_DEFAULT_CONFIG, std::ios::binary).rdbuf();
-  return parseTree(text.str());
-}
-
-int requestNumber(const Strings& transcript, const std::string& start) {
-  for (size_t i = 0; i < transcript.size(); ++i) {
-    if (transcript[i].rfind(start, 0) == 0) return static_cast<int>(i + 1);
-  }
-  return 0;
+  ParameterMap tree;
+  std::string error;
+  EXPECT_TRUE(loadTree(TZR_DEFAULT_CONFIG, tree, error)) << TZR_DEFAULT_CONFIG << ": " << error;
+  return tree;
 }
 
 bool lockIsFree(const std::string& path) {

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "cffs_sim/in_process.h"
 #include "config_client/daemon_setup.h"
 #include "config_client/parameter_map.h"
+#include "simulator/in_process.h"
 
 using Strings = std::vector<std::string>;
 using Millis = std::chrono::milliseconds;
@@ -25,18 +25,12 @@ bool waitUntil(const std::function<bool()>& done, Millis limit = Millis(5000));
 // The default appliance configuration shipped with the simulator.
 ParameterMap defaultTree();
 
-// The 1-based number of the first request of `transcript` that begins with
-// `start`, 0 if none does: where to plant a fault at that request.
-int requestNumber(const Strings& transcript, const std::string& start);
-
 // Whether another request could have the lock at `path` at once (none without its file).
 bool lockIsFree(const std::string& path);
 
 struct SimDaemon {
-  explicit SimDaemon(const ParameterMap& tree, const Strings& arguments = {})
-      : sim(tree, arguments),
-        lock(sim.socketPath() + ".lock"),
-        queue(sim.socketPath() + ".queue") {}
+  explicit SimDaemon(const ParameterMap& tree, const Options& options = {})
+      : sim(tree, options), lock(sim.socketPath() + ".lock"), queue(sim.socketPath() + ".queue") {}
 
   // Where a client finds this daemon and its lock; `replyFd` is the reply a
   // request writes, watched for its reader (-1: nobody to watch).

@@ -30,7 +30,7 @@ TEST(ConfigClientTest, GetTrimsAnswersAndRefusesUnframableNames) {
 }
 
 // A set goes out in byte order of names, white space in values, an empty
-// value and an empty name included. (What cannot go out: e2e/'s writes.)
+// value and an empty name included.
 TEST(ConfigClientTest, PutSendsTheSetInByteOrderOfNames) {
   SimDaemon sim(kTree);
   ConfigClient client(sim.setup());
@@ -44,6 +44,27 @@ TEST(ConfigClientTest, PutSendsTheSetInByteOrderOfNames) {
   EXPECT_EQ((Strings{R"(put  x\r)", R"(put /B \r)", R"(put /a 1\t\x0B\x0C\r)",
                      R"(put /b two words\r)", R"(put /c 3\r)"}),
             sim.transcript());
+}
+
+// A set that cannot go out as one line per entry with a one-word name, or that
+// would store the daemon's prompt, is refused whole: nothing is sent, even of
+// its sound entries, and the connection is closed as after a failed write.
+TEST(ConfigClientTest, PutRefusesASetThatCannotGoOutAsOneLineAnEntry) {
+  const std::string nul("\0", 1);
+  const ParameterMap rows[] = {
+      {{"/a", "single\n2"}},  {{"/a", "single\r2"}},   {{"/a", "x" + nul + "y"}},
+      {{"/a\rapply", "x"}},   {{"/a\n", "x"}},         {{"/a" + nul, "x"}},
+      {{"/a 10.9.9.9", "x"}}, {{"/a\t10.9.9.9", "x"}}, {{"/a\v1", "x"}},
+      {{"/a\f1", "x"}},       {{"/a", "a/> b"}},       {{"/a", "sound"}, {"/b", "x\n"}}};
+  for (const ParameterMap& changes : rows) {
+    SCOPED_TRACE(testing::PrintToString(changes));
+    SimDaemon sim(kTree);
+    ConfigClient client(sim.setup());
+    std::string replies;
+    EXPECT_FALSE(client.put(changes, replies));
+    EXPECT_FALSE(client.isConnected());
+    EXPECT_EQ(Strings{}, sim.transcript());
+  }
 }
 
 }  // namespace

@@ -9,9 +9,7 @@
 #include <string.h>
 #include <sys/file.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -32,10 +30,12 @@ TEST(UdsConnectionTest, ExchangesRequestsAndReplies) {
   const Strings exchanges = {
       "save",  "",       "ls /a\r", "abc\r\n", "ls /a\n", "No such file or directory\r\n",
       "ls /g", ">x\r\n", "ls /p",   "x"};
-  for (const Strings& arguments : {Strings{}, Strings{"--trailer", "junk/> "},
-                                   Strings{"--chunk", "1", "--chunk-gap-ms", "1"}}) {
-    SCOPED_TRACE(testing::PrintToString(arguments));
-    SimDaemon sim(kTree, arguments);
+  Options trailing, chunked;
+  trailing.trailer = "junk/> ";
+  chunked.chunk = 1, chunked.chunkGapMs = 1;
+  for (const Options& options : {Options(), trailing, chunked}) {
+    SCOPED_TRACE(options.trailer + std::to_string(options.chunk));
+    SimDaemon sim(kTree, options);
     UdsConnection connection(sim.setup());
     EXPECT_EQ("Ready", connection.statusText());
     EXPECT_TRUE(connection.sendLine(""));  // sends nothing
@@ -49,25 +49,11 @@ TEST(UdsConnectionTest, ExchangesRequestsAndReplies) {
   }
 }
 
-// A daemon that greets and hangs up at once, on `path`.
-std::thread greetAndHangUp(const std::string& path) {
-  int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un address = {AF_UNIX, {}};
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  EXPECT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address));
-  EXPECT_EQ(0, listen(listener, 1));
-  return std::thread([listener] {
-    const int peer = accept(listener, nullptr, nullptr);
-    send(peer, "/> ", 3, 0);
-    close(peer);
-    close(listener);
-  });
-}
-
 // Every failure closes the connection for good: later exchanges fail without
 // touching their reply; a daemon gone is an error, never a SIGPIPE. Unattended,
 // a hang-up or a silent daemon fails the exchange too; attended, so does the
-// web server giving up (Abandoned, ending nothing), after a hang-up once the lock is let go.
+// web server giving up (Abandoned, ending nothing, the lock let go), after a hang-up once the
+// lock is let go.
 TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
   const std::string messages[] = {
       "Ready",           "UDS open failed", "UDS connect failed",        "UDS write failed",
@@ -75,38 +61,40 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
   signal(SIGPIPE, SIG_DFL);
   rlimit limit;
   getrlimit(RLIMIT_NOFILE, &limit);
-  const Strings silent = {"--delay-command", "ls", "--delay-ms", "5000"},
-                hangUp = {"--hangup-at", "1"};
+  Options silent, notListening;
+  silent.delayCommand = "ls", silent.delayMs = 5000;
+  notListening.noListen = true;
+  const Options hangUp = withFault(Fault::HangUp);
   const struct {
     const char* what;
-    Strings daemon;  // the simulator's arguments
+    Options daemon;
     UdsStatus status;
     int error;
     bool unattended = false;
     bool givenUp = false;       // the web server gave up on the request
     bool givenUpLater = false;  // once the request has let go of the lock
     mode_t planted = 0;         // at the lock path, a FIFO at the queue's
-  } rows[] = {{"no daemon", {}, UdsStatus::ConnectFailed, ENOENT},
-              {"not listening", {"--no-listen"}, UdsStatus::ConnectFailed, ECONNREFUSED},
-              {"no descriptor left", {}, UdsStatus::OpenFailed, EMFILE},
-              {"a link for a lock file", {}, UdsStatus::OpenFailed, ELOOP, 0, 0, 0, S_IFLNK},
-              {"a directory for a lock file", {}, UdsStatus::OpenFailed, EPERM, 0, 0, 0, S_IFDIR},
-              {"a FIFO for the queue", {}, UdsStatus::OpenFailed, EPERM, 0, 0, 0, S_IFIFO},
-              {"reset", {"--reset-at", "1"}, UdsStatus::ReadFailed, ECONNRESET},
-              {"greets, hangs up", {}, UdsStatus::WriteFailed, EPIPE},
-              {"unattended hang-up", hangUp, UdsStatus::ReadFailed, 0, true},
-              {"unattended, silent", silent, UdsStatus::ReadFailed, ETIMEDOUT, true},
-              {"given up while the daemon is silent", silent, UdsStatus::Abandoned, 0, false, true},
-              {"given up, unattended", silent, UdsStatus::ReadFailed, ETIMEDOUT, true, true},
-              {"given up after a hang-up", hangUp, UdsStatus::Abandoned, 0, false, false, true}};
+  } rows[] = {
+      {"no daemon", {}, UdsStatus::ConnectFailed, ENOENT},
+      {"not listening", notListening, UdsStatus::ConnectFailed, ECONNREFUSED},
+      {"no descriptor left", {}, UdsStatus::OpenFailed, EMFILE},
+      {"a link for a lock file", {}, UdsStatus::OpenFailed, ELOOP, 0, 0, 0, S_IFLNK},
+      {"a directory for a lock file", {}, UdsStatus::OpenFailed, EPERM, 0, 0, 0, S_IFDIR},
+      {"a FIFO for the queue", {}, UdsStatus::OpenFailed, EPERM, 0, 0, 0, S_IFIFO},
+      {"reset", withFault(Fault::Reset), UdsStatus::ReadFailed, ECONNRESET},
+      {"greets, hangs up", withFault(Fault::HangUpAfterGreeting), UdsStatus::WriteFailed, EPIPE},
+      {"unattended hang-up", hangUp, UdsStatus::ReadFailed, 0, true},
+      {"unattended, silent", silent, UdsStatus::ReadFailed, ETIMEDOUT, true},
+      {"given up while the daemon is silent", silent, UdsStatus::Abandoned, 0, false, true},
+      {"given up, unattended", silent, UdsStatus::ReadFailed, ETIMEDOUT, true, true},
+      {"given up after a hang-up", hangUp, UdsStatus::Abandoned, 0, false, false, true}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     SimDaemon sim(kTree, row.daemon);
     ReplyPipe reply;
     DaemonSetup setup = sim.setup(reply.ends[1]);
     const std::string elsewhere = std::string(setup.socketPath) + ".elsewhere";
-    if (row.error == ENOENT || row.error == EPIPE) setup.socketPath = elsewhere.c_str();
-    std::thread daemon = row.error == EPIPE ? greetAndHangUp(elsewhere) : std::thread();
+    if (row.error == ENOENT) setup.socketPath = elsewhere.c_str();
     // The lowest free descriptor as the limit leaves no room for the socket.
     rlimit low = {static_cast<rlim_t>(dup(0)), limit.rlim_max};
     close(static_cast<int>(low.rlim_cur));
@@ -123,7 +111,6 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
     const auto opened = opening.get();
     UdsConnection& connection = *opened;
     setrlimit(RLIMIT_NOFILE, &limit);
-    if (daemon.joinable()) daemon.join();
     if (row.unattended) connection.setUnattended(Millis(50));
     if (row.givenUp) reply.giveUp();
     std::thread server = !row.givenUpLater ? std::thread() : std::thread([&] {
@@ -138,6 +125,7 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
     const std::string error = row.error ? std::string(": ") + strerror(row.error) : "";
     EXPECT_EQ(messages[static_cast<int>(row.status)] + error, connection.statusText());
     EXPECT_FALSE(connection.isOpen());
+    EXPECT_TRUE(row.status != UdsStatus::Abandoned || lockIsFree(setup.lockPath));
     if (connection.isOpen()) continue;
     text = "kept";
     EXPECT_FALSE(connection.execute("ls /a", text));

@@ -1,4 +1,4 @@
-#include "cffs_sim/escape.h"
+#include "simulator/escape.h"
 
 namespace {
 

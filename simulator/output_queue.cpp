@@ -1,4 +1,4 @@
-#include "cffs_sim/output_queue.h"
+#include "simulator/output_queue.h"
 
 #include <algorithm>
 

@@ -5,8 +5,8 @@
 // (upper-case hex).  Bytes 0x80 and up pass through unchanged, so UTF-8
 // values stay readable in the file.
 
-#ifndef TZR_TOOLS_CFFS_SIM_ESCAPE_H_
-#define TZR_TOOLS_CFFS_SIM_ESCAPE_H_
+#ifndef TZR_SIMULATOR_ESCAPE_H_
+#define TZR_SIMULATOR_ESCAPE_H_
 
 #include <string>
 #include <string_view>
@@ -19,4 +19,4 @@ std::string escape(std::string_view raw);
 // "C:\dir" survives.  unescape(escape(s)) == s for every s.
 std::string unescape(std::string_view escaped);
 
-#endif  // TZR_TOOLS_CFFS_SIM_ESCAPE_H_
+#endif  // TZR_SIMULATOR_ESCAPE_H_

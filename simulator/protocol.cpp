@@ -1,4 +1,4 @@
-#include "cffs_sim/protocol.h"
+#include "simulator/protocol.h"
 
 #include <vector>
 

@@ -1,4 +1,4 @@
-#include "cffs_sim/tree.h"
+#include "simulator/tree.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <set>
 
-#include "cffs_sim/escape.h"
+#include "simulator/escape.h"
 
 namespace {
 
@@ -105,6 +105,11 @@ bool loadTree(const std::string& file, Tree& tree, std::string& error) {
   ::close(fd);
   tree = parseTree(text);
   return true;
+}
+
+bool loadTreeAtStart(const std::string& file, Tree& tree, std::string& error) {
+  ::unlink(savingFile(file).c_str());
+  return loadTree(file, tree, error);
 }
 
 bool saveTree(const Tree& tree, const std::string& file, std::string& error) {

@@ -26,14 +26,14 @@
 // prompt; any other command answers "Unknown command: WORD\r\n".  Matching
 // is exact and case-sensitive: "ls\t/x" and "LS /x" are unknown commands.
 
-#ifndef TZR_TOOLS_CFFS_SIM_PROTOCOL_H_
-#define TZR_TOOLS_CFFS_SIM_PROTOCOL_H_
+#ifndef TZR_SIMULATOR_PROTOCOL_H_
+#define TZR_SIMULATOR_PROTOCOL_H_
 
 #include <cstddef>
 #include <string>
 #include <string_view>
 
-#include "cffs_sim/tree.h"
+#include "simulator/tree.h"
 
 inline constexpr std::string_view kPrompt = "/> ";
 inline constexpr std::string_view kGreeting = "Configuration daemon simulator\r\n/> ";
@@ -56,4 +56,4 @@ std::string replyTo(std::string_view text, Tree& tree, const std::string& config
 // "Request too long\r\n" and the prompt.
 std::string tooLongReply();
 
-#endif  // TZR_TOOLS_CFFS_SIM_PROTOCOL_H_
+#endif  // TZR_SIMULATOR_PROTOCOL_H_

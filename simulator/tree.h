@@ -18,8 +18,8 @@
 // load; the paths of a real configuration contain none of these bytes and
 // read the same either way.
 
-#ifndef TZR_TOOLS_CFFS_SIM_TREE_H_
-#define TZR_TOOLS_CFFS_SIM_TREE_H_
+#ifndef TZR_SIMULATOR_TREE_H_
+#define TZR_SIMULATOR_TREE_H_
 
 #include <map>
 #include <string>
@@ -45,12 +45,16 @@ bool loadTree(const std::string& file, Tree& tree, std::string& error);
 bool saveTree(const Tree& tree, const std::string& file, std::string& error);
 
 // FILE.saving: where a save writes before it renames. A crash in a save
-// leaves it behind; the simulator removes it when it starts.
+// leaves it behind.
 std::string savingFile(const std::string& file);
+
+// loadTree() for a simulator that starts: first removes the savingFile()
+// that a save cut short left behind.
+bool loadTreeAtStart(const std::string& file, Tree& tree, std::string& error);
 
 // If `dir` names a directory of `tree` (some stored path continues it past
 // a '/'), fills `names` with its direct children in order and returns true.
 // `dir` may end in '/' or not; "/" is the root.
 bool listChildren(const Tree& tree, std::string_view dir, std::vector<std::string>& names);
 
-#endif  // TZR_TOOLS_CFFS_SIM_TREE_H_
+#endif  // TZR_SIMULATOR_TREE_H_

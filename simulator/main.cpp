@@ -2,18 +2,17 @@
 // CGI program and its tests run anywhere.  See options.h for the command
 // line, protocol.h for what it answers and server.h for the fault injection.
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <string>
 #include <vector>
 
-#include "cffs_sim/options.h"
-#include "cffs_sim/server.h"
-#include "cffs_sim/tree.h"
+#include "simulator/options.h"
+#include "simulator/server.h"
+#include "simulator/tree.h"
 
 int main(int argc, char** argv) {
   Options options;
+  options.socketPath = kApplianceSocket;
   std::string error;
   switch (parseOptions(std::vector<std::string>(argv + 1, argv + argc), options, error)) {
     case ParseResult::Help:
@@ -27,8 +26,7 @@ int main(int argc, char** argv) {
   }
 
   Tree tree;
-  if (!options.configFile.empty()) ::unlink(savingFile(options.configFile).c_str());
-  if (!options.configFile.empty() && !loadTree(options.configFile, tree, error)) {
+  if (!options.configFile.empty() && !loadTreeAtStart(options.configFile, tree, error)) {
     std::fprintf(stderr, "cffs-sim: cannot read %s: %s\n", options.configFile.c_str(),
                  error.c_str());
     return 2;

@@ -1,16 +1,17 @@
-#include "cffs_sim/options.h"
+#include "simulator/options.h"
 
 #include <charconv>
-#include <climits>
+#include <utility>
 
-#include "cffs_sim/escape.h"
+#include "simulator/escape.h"
 
 const char kUsage[] =
     "usage: cffs-sim [--socket PATH] [--config FILE] [--transcript FILE] [--verbose]\n"
-    "                [--no-listen] [--reset-at K] [--hangup-at K]\n"
+    "                [--no-listen] [--reset-on TEXT | --hangup-on TEXT | --hangup-after-greeting]\n"
     "                [--chunk N] [--chunk-gap-ms MS] [--delay-ms MS] [--delay-command WORD]\n"
     "                [--trailer TEXT]\n"
-    "--delay-command WORD: --delay-ms holds back only the replies to WORD requests\n";
+    "--delay-command WORD: --delay-ms holds back only the replies to WORD requests\n"
+    "--reset-on, --hangup-on TEXT: at the first request that begins with TEXT\n";
 
 namespace {
 
@@ -23,7 +24,25 @@ bool parseInt(const std::string& text, int min, int& out) {
   return true;
 }
 
+// Plants `fault`, unless one is planted already.
+bool plant(Fault fault, const std::string& at, Options& options, std::string& error) {
+  if (options.fault != Fault::None) {
+    error = "one fault at a time";
+    return false;
+  }
+  options.fault = fault;
+  options.faultAt = unescape(at);
+  return true;
+}
+
 }  // namespace
+
+Options withFault(Fault fault, std::string at) {
+  Options options;
+  options.fault = fault;
+  options.faultAt = std::move(at);
+  return options;
+}
 
 ParseResult parseOptions(const std::vector<std::string>& args, Options& options,
                          std::string& error) {
@@ -36,6 +55,10 @@ ParseResult parseOptions(const std::vector<std::string>& args, Options& options,
     }
     if (name == "--no-listen") {
       options.noListen = true;
+      continue;
+    }
+    if (name == "--hangup-after-greeting") {
+      if (!plant(Fault::HangUpAfterGreeting, "", options, error)) return ParseResult::Error;
       continue;
     }
     if (i + 1 == args.size()) {
@@ -51,8 +74,6 @@ ParseResult parseOptions(const std::vector<std::string>& args, Options& options,
     };
     int chunk = 0;
     const Number numbers[] = {
-        {"--reset-at", 1, &options.resetAt},
-        {"--hangup-at", 0, &options.hangupAt},
         {"--chunk", 1, &chunk},
         {"--chunk-gap-ms", 0, &options.chunkGapMs},
         {"--delay-ms", 0, &options.delayMs},
@@ -70,7 +91,10 @@ ParseResult parseOptions(const std::vector<std::string>& args, Options& options,
     if (chunk > 0) options.chunk = static_cast<size_t>(chunk);
     if (known) continue;
 
-    if (name == "--socket") {
+    if (name == "--socket" && value.empty()) {
+      error = "--socket needs a path";
+      return ParseResult::Error;
+    } else if (name == "--socket") {
       options.socketPath = value;
     } else if (name == "--config") {
       options.configFile = value;
@@ -80,14 +104,14 @@ ParseResult parseOptions(const std::vector<std::string>& args, Options& options,
       options.delayCommand = value;
     } else if (name == "--trailer") {
       options.trailer = unescape(value);
+    } else if (name == "--reset-on" || name == "--hangup-on") {
+      if (!plant(name == "--reset-on" ? Fault::Reset : Fault::HangUp, value, options, error)) {
+        return ParseResult::Error;
+      }
     } else {
       error = "unknown argument " + name;
       return ParseResult::Error;
     }
-  }
-  if (options.socketPath.empty()) {
-    error = "--socket needs a path";
-    return ParseResult::Error;
   }
   return ParseResult::Run;
 }

@@ -1,15 +1,16 @@
-#include "cffs_sim/in_process.h"
+#include "simulator/in_process.h"
 
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
-#include "cffs_sim/server.h"
+#include "simulator/server.h"
 
 namespace {
 
@@ -21,28 +22,26 @@ std::string readFile(const std::string& path) {
 
 }  // namespace
 
-InProcessSimulator::InProcessSimulator(const Tree& tree, const std::vector<std::string>& arguments)
-    : tree_(tree) {
+InProcessSimulator::InProcessSimulator(const Tree& tree, const Options& options)
+    : options_(options), tree_(tree) {
   std::string pattern = (std::filesystem::temp_directory_path() / "cffs-sim-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary folder");
   folder_ = pattern;
   std::ofstream(path("tree.conf"), std::ios::binary) << formatTree(tree);
-  std::vector<std::string> all = {"--socket",        path("cffs_uds"), "--config",
-                                  path("tree.conf"), "--transcript",   path("transcript")};
-  all.insert(all.end(), arguments.begin(), arguments.end());
-  std::string error;
+  if (options_.socketPath.empty()) options_.socketPath = path("cffs_uds");
+  options_.configFile = path("tree.conf");
+  options_.transcriptFile.clear();
   int ready[2];
-  if (parseOptions(all, options_, error) != ParseResult::Run || ::pipe2(ready, O_CLOEXEC) != 0 ||
-      ::pipe2(stop_, O_CLOEXEC) != 0) {
+  if (::pipe2(ready, O_CLOEXEC) != 0 || ::pipe2(stop_, O_CLOEXEC) != 0) {
     std::filesystem::remove_all(folder_);
-    throw std::runtime_error("cannot start the simulator: " + error);
+    throw std::runtime_error("cannot start the simulator: no pipe");
   }
   thread_ = std::thread([this, ready] {
     // Signals are for the caller's threads (a client's timer must wake them).
     sigset_t all;
     sigfillset(&all);
     ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
-    serveInThread(options_, tree_, ready[1], stop_[0]);
+    serveInThread(options_, tree_, transcript_, ready[1], stop_[0]);
     ::close(ready[1]);
   });
   char byte;
@@ -66,10 +65,12 @@ void InProcessSimulator::stop() {
 }
 
 std::vector<std::string> InProcessSimulator::transcript(bool reads) const {
-  std::vector<std::string> requests;
-  std::istringstream text(readFile(path("transcript")));
-  for (std::string line; std::getline(text, line);) {
-    if (reads || line.compare(0, 3, "ls ") != 0) requests.push_back(line);
+  std::vector<std::string> requests = transcript_.lines();
+  if (!reads) {
+    requests.erase(
+        std::remove_if(requests.begin(), requests.end(),
+                       [](const std::string& line) { return line.rfind("ls ", 0) == 0; }),
+        requests.end());
   }
   return requests;
 }

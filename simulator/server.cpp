@@ -1,4 +1,4 @@
-#include "cffs_sim/server.h"
+#include "simulator/server.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -18,10 +18,10 @@
 #include <string_view>
 #include <vector>
 
-#include "cffs_sim/escape.h"
-#include "cffs_sim/output_queue.h"
-#include "cffs_sim/protocol.h"
-#include "cffs_sim/transcript.h"
+#include "simulator/escape.h"
+#include "simulator/output_queue.h"
+#include "simulator/protocol.h"
+#include "simulator/transcript.h"
 
 namespace {
 
@@ -50,7 +50,7 @@ struct Connection {
   std::string longHead;
   size_t longDropped = 0;
   OutputQueue output;
-  bool reading = true;   // False after end of file or --hangup-at.
+  bool reading = true;   // False after end of file or a hang-up.
   bool blocked = false;  // The kernel refused the last send(); wait for POLLOUT.
   bool dead = false;     // Close now, dropping unsent replies.
 };
@@ -72,9 +72,10 @@ ssize_t recvRetry(int fd, char* buffer, size_t size, int flags) {
 
 class Server {
  public:
-  Server(const Options& options, Tree& tree, int readyFd, int stopFd)
+  Server(const Options& options, Tree& tree, Transcript& transcript, int readyFd, int stopFd)
       : options_(options),
         tree_(tree),
+        transcript_(transcript),
         pacing_{options.chunk,
                 std::chrono::milliseconds(options.chunk > 0 ? options.chunkGapMs : 0)},
         delay_(options.delayMs),
@@ -92,14 +93,19 @@ class Server {
   void flush(Connection& c, Clock::time_point now);
   void log(const Connection& c, const std::string& message) const;
   std::chrono::milliseconds delayFor(std::string_view text) const;
+  bool waits(Fault fault) const { return !faultDone_ && options_.fault == fault; }
+  // Whether `fault` waits for the request that begins with `start`.
+  bool faultAt(Fault fault, std::string_view start) const;
+  void fault(const Connection& c, const std::string& what);
 
   const Options& options_;
   Tree& tree_;
+  Transcript& transcript_;
   const Pacing pacing_;
   const std::chrono::milliseconds delay_;
   const int readyFd_;  // -1: "ready" on stdout
   const int stopFd_;   // -1: until SIGTERM or SIGINT
-  Transcript transcript_;
+  bool faultDone_ = false;
   int listenFd_ = -1;
   bool bound_ = false;
   std::optional<Clock::time_point> acceptPausedUntil_;
@@ -121,6 +127,18 @@ std::chrono::milliseconds Server::delayFor(std::string_view text) const {
 
 void Server::log(const Connection& c, const std::string& message) const {
   if (options_.verbose) std::fprintf(stderr, "cffs-sim: conn %d: %s\n", c.id, message.c_str());
+}
+
+bool Server::faultAt(Fault fault, std::string_view start) const {
+  if (!waits(fault)) return false;
+  const std::string_view text = requestText(start);
+  return text.substr(0, options_.faultAt.size()) == options_.faultAt;
+}
+
+void Server::fault(const Connection& c, const std::string& what) {
+  faultDone_ = true;
+  transcript_.recordFault();
+  log(c, what);
 }
 
 bool Server::listen() {
@@ -176,53 +194,37 @@ void Server::accept(Clock::time_point now) {
     }
     auto c = std::make_unique<Connection>(fd, nextId_++, pacing_);
     log(*c, "accepted");
-    if (options_.hangupAt == 0) {
-      log(*c, "hangup-at 0: closing before the greeting");
-      continue;
-    }
     c->output.push(kGreeting, options_.trailer, now + delayFor(""));
+    if (waits(Fault::HangUpAfterGreeting)) {
+      // Shut for reading first: however soon the peer answers the greeting,
+      // its send() fails, whether or not the close() has come yet.
+      ::shutdown(fd, SHUT_RD);
+      fault(*c, "hangup-after-greeting: closing once greeted");
+      c->reading = false;
+    }
     connections_.push_back(std::move(c));
   }
-}
-
-// How many bytes of `data` to consume to take exactly `count` requests: up
-// to and including the count-th CR, or all of it if it holds fewer.
-size_t bytesForRequests(std::string_view data, int count) {
-  size_t end = 0;
-  for (int i = 0; i < count; ++i) {
-    const size_t cr = data.find('\r', end);
-    if (cr == std::string_view::npos) return data.size();
-    end = cr + 1;
-  }
-  return end;
 }
 
 void Server::read(Connection& c) {
   char buffer[kReadChunk];
   while (c.reading && !c.dead && c.output.bytes() < kMaxUnsentBytes) {
-    ssize_t n;
-    if (options_.resetAt > 0) {
-      // Never take a byte of request K off the socket: peek, then consume
-      // only what belongs to earlier requests.
-      n = recvRetry(c.fd, buffer, sizeof buffer, MSG_PEEK);
-      if (n > 0) {
-        const int allowed = options_.resetAt - 1 - c.requests;
-        size_t want = bytesForRequests(std::string_view(buffer, static_cast<size_t>(n)), allowed);
-        if (allowed == 0) {
-          // A lone LF is the tail of the previous request's CR LF, not yet
-          // request K; taking it keeps poll() from spinning on it.
-          if (!c.input.empty() || buffer[0] != '\n' || n > 1) {
-            log(c, "reset-at " + std::to_string(options_.resetAt) +
-                       ": closing with the request unread");
-            c.dead = true;
-            return;
-          }
-          want = 1;
-        }
-        n = recvRetry(c.fd, buffer, want, 0);
+    const bool resetWaits = waits(Fault::Reset);
+    ssize_t n = recvRetry(c.fd, buffer, sizeof buffer, resetWaits ? MSG_PEEK : 0);
+    if (resetWaits && n > 0) {
+      // Never take the CR of the request to reset at off the socket: take
+      // what comes before a request's CR, and through it only once the
+      // whole request is in sight and is not the one.
+      const std::string_view peeked(buffer, static_cast<size_t>(n));
+      const size_t cr = peeked.find('\r');
+      if (cr != std::string_view::npos &&
+          faultAt(Fault::Reset, (c.longDropped > 0 ? c.longHead : c.input) +
+                                    std::string(peeked.substr(0, cr + 1)))) {
+        fault(c, "reset-on: closing with the request unread");
+        c.dead = true;
+        return;
       }
-    } else {
-      n = recvRetry(c.fd, buffer, sizeof buffer, 0);
+      n = recvRetry(c.fd, buffer, cr == std::string_view::npos ? peeked.size() : cr + 1, 0);
     }
     if (n < 0) {
       if (errno == EAGAIN || errno == EWOULDBLOCK) return;
@@ -259,10 +261,11 @@ void Server::process(Connection& c) {
     } else {
       transcript_.record(request);
     }
+    const bool hangUp = faultAt(Fault::HangUp, c.longDropped > 0 ? c.longHead : request);
     c.longDropped = 0;
     log(c, "request " + std::to_string(c.requests) + " " + preview(request));
-    if (c.requests == options_.hangupAt) {
-      log(c, "hangup-at " + std::to_string(c.requests) + ": closing without a reply");
+    if (hangUp) {
+      fault(c, "hangup-on: closing without a reply");
       c.reading = false;
       break;
     }
@@ -302,15 +305,6 @@ void Server::flush(Connection& c, Clock::time_point now) {
 }
 
 int Server::run() {
-  if (!options_.transcriptFile.empty()) {
-    std::string error;
-    if (!transcript_.open(options_.transcriptFile, error)) {
-      std::fprintf(stderr, "cffs-sim: cannot open transcript %s: %s\n",
-                   options_.transcriptFile.c_str(), error.c_str());
-      return 2;
-    }
-  }
-
   // The stop signals stay blocked except inside ppoll(), so one arriving
   // between the stopRequested check and the wait still ends the wait. In a
   // thread of someone else's process the signals are that process's own:
@@ -405,11 +399,19 @@ int Server::run() {
 }  // namespace
 
 int serve(const Options& options, Tree& tree) {
-  Server server(options, tree, -1, -1);
+  Transcript transcript;
+  std::string error;
+  if (!options.transcriptFile.empty() && !transcript.open(options.transcriptFile, error)) {
+    std::fprintf(stderr, "cffs-sim: cannot open transcript %s: %s\n",
+                 options.transcriptFile.c_str(), error.c_str());
+    return 2;
+  }
+  Server server(options, tree, transcript, -1, -1);
   return server.run();
 }
 
-int serveInThread(const Options& options, Tree& tree, int readyFd, int stopFd) {
-  Server server(options, tree, readyFd, stopFd);
+int serveInThread(const Options& options, Tree& tree, Transcript& transcript, int readyFd,
+                  int stopFd) {
+  Server server(options, tree, transcript, readyFd, stopFd);
   return server.run();
 }

@@ -1,4 +1,4 @@
-#include "cffs_sim/transcript.h"
+#include "simulator/transcript.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "cffs_sim/escape.h"
+#include "simulator/escape.h"
 
 Transcript::~Transcript() {
   if (fd_ >= 0) ::close(fd_);
@@ -21,6 +21,10 @@ bool Transcript::open(const std::string& file, std::string& error) {
 }
 
 void Transcript::record(std::string_view request) {
+  if (inMemory_) {
+    std::lock_guard<std::mutex> hold(mutex_);
+    lines_.push_back(escape(request));
+  }
   if (fd_ < 0) return;
   const std::string line = escape(request) + "\n";
   ssize_t n;
@@ -31,4 +35,9 @@ void Transcript::record(std::string_view request) {
   warned_ = true;
   std::fprintf(stderr, "cffs-sim: transcript write failed: %s\n",
                n < 0 ? std::strerror(errno) : "short write");
+}
+
+std::vector<std::string> Transcript::lines() const {
+  std::lock_guard<std::mutex> hold(mutex_);
+  return lines_;
 }

@@ -5,8 +5,8 @@
 // takes it all, and otherwise asks poll() to wake it at the earliest due
 // time.  That is how delays and chunk gaps stay off the other clients' backs.
 
-#ifndef TZR_TOOLS_CFFS_SIM_OUTPUT_QUEUE_H_
-#define TZR_TOOLS_CFFS_SIM_OUTPUT_QUEUE_H_
+#ifndef TZR_SIMULATOR_OUTPUT_QUEUE_H_
+#define TZR_SIMULATOR_OUTPUT_QUEUE_H_
 
 #include <chrono>
 #include <cstddef>
@@ -52,4 +52,4 @@ class OutputQueue {
   size_t bytes_ = 0;
 };
 
-#endif  // TZR_TOOLS_CFFS_SIM_OUTPUT_QUEUE_H_
+#endif  // TZR_SIMULATOR_OUTPUT_QUEUE_H_
