@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The per-request cost benchmark (README, "Performance"): installs what is
+# The per-request cost benchmark (docs/performance.md): installs what is
 # missing, builds the program statically and dynamically and the floor
 # programs, then prints one table. Needs root; a few minutes, --quick less.
 #   bench/run.sh [--quick] [--update-baseline] [--source DIR]

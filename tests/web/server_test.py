@@ -161,7 +161,7 @@ class ServerTest(unittest.TestCase):
                 elif status != 400:
                     self.assertEqual(self.sim.connections() > before, status == 200, "daemon contacted?")
 
-    @unittest.skipIf(SERVER == "busybox", "busybox httpd bounds nothing: README")
+    @unittest.skipIf(SERVER == "busybox", "busybox httpd bounds nothing: docs/security.md")
     def test_guessing_is_bounded_and_the_owner_keeps_access(self):
         def one(source, user, password, scheme="Basic"):  # mod_auth takes any case
             secret = password if isinstance(password, str) else "wrong"
