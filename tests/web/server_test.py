@@ -214,6 +214,7 @@ class ServerTest(unittest.TestCase):
     @unittest.skipIf(SERVER == "busybox", "the same firewall, whichever server")
     def test_one_address_cannot_hold_every_connection(self):
         subprocess.run(["nft", "-f", webenv.sandbox.SRC / "web/firewall/tzr4417.nft"], check=True)
+        self.addCleanup(subprocess.run, ["nft", "flush ruleset"], check=True)  # the rows after come from one address
         resource.setrlimit(resource.RLIMIT_NOFILE, (4096, resource.getrlimit(resource.RLIMIT_NOFILE)[1]))
         held = []
         for _ in range(1500):  # more than lighttpd's connection limit here (a third of its 1,024 descriptors)
@@ -221,6 +222,14 @@ class ServerTest(unittest.TestCase):
                 held.append(socket.create_connection(("127.0.0.1", self.port), source_address=(HOST, 0)))
         self.addCleanup(lambda: [connection.close() for connection in held])
         self.assertEqual((len(held), ask(self.port, READ, HEADER, source=OWNER)[0]), (32, 200))
+        # With its table of addresses full (made-up SYNs can fill it), an address it has no room for is refused.
+        rules = (webenv.sandbox.SRC / "web/firewall/tzr4417.nft").read_text().replace("size 65535", "size 2")
+        subprocess.run(["nft", "flush ruleset"], check=True)
+        subprocess.run(["nft", "-f", "-"], input=rules, text=True, check=True)
+        def status(source):
+            with contextlib.suppress(ConnectionRefusedError):
+                return ask(self.port, READ, HEADER, source=source)[0]
+        self.assertEqual(list(map(status, (NEW, OWNER, HOSTS[0]))), [200, 200, None])
 
     def test_write_replies_before_the_child_is_done(self):
         # The writes busybox let in above have saved first.

@@ -15,7 +15,8 @@ const PROGRAM = new URL('/cgi-bin/tzr4417.cgi', HERE);
 // console with wrong ones and spend the owner's failed logins.
 const HEADERS = {'X-Tzr4417-Console': '1'};
 // Nor does the page keep them: its relative links would carry them on.
-if (new URL(document.URL).username) location.replace(location.origin + location.pathname + location.search);
+const ADDRESS = new URL(document.URL);
+if (ADDRESS.username || ADDRESS.password) location.replace(location.origin + location.pathname + location.search);
 const NET = '/configuration/network/';
 // A write of one of these can move the appliance to another address.
 const MOVES = new Set([NET + 'ip_addr', NET + 'subnet_mask', NET + 'dhcp']);

@@ -55,7 +55,7 @@ if not state then
   local fails = {} -- key -> times of its failures in the window, oldest first
   local logins = {} -- "address account" -> time of the latest login
   local written = {} -- "address account" -> its time in the logins file
-  local folder, failed = nil, false
+  local folder, failed, setup_error = nil, false, nil
   local swept, clock = 0, 0 -- in the failures' time (below)
 
   local function log(text)
@@ -170,12 +170,13 @@ if not state then
     end
   end
 
-  -- Whether the pair logged in within the day. A login stamped after NOW
-  -- (the clock set back, or not set yet at boot) counts once the clock has
-  -- caught up, and is kept meanwhile.
+  -- Whether the pair logged in within the day. A login stamped up to a
+  -- window after NOW (the clock set back by a little) counts; one stamped
+  -- later (the clock set back by more, or not set yet at boot) counts once
+  -- the clock has caught up, and is kept meanwhile.
   local function trusted(pair, now)
     local at = logins[pair]
-    return at and at <= now and now - at < DAY
+    return at and at <= now + WINDOW and now - at < DAY
   end
 
   local function login(pair, now)
@@ -257,20 +258,38 @@ if not state then
     return clock
   end
 
+  -- What is wrong with lighttpd's setup for the guard to count right, if
+  -- anything; at the first request it also reads the logins.
+  local function setup(r)
+    if r.req_env["REMOTE_USER"] then
+      return "mod_auth runs before this gate: list mod_setenv, mod_access and mod_magnet ahead of it"
+    end
+    if folder then return nil end
+    -- One process keeps the counts: lighttpd's workers (server.max-worker)
+    -- would each keep their own, every bound as many times over.
+    local stat = io.open("/proc/self/stat")
+    local parent = stat and stat:read("a"):match("^%d+ %b() %S (%d+)")
+    if stat then stat:close() end
+    local comm = parent and io.open("/proc/" .. parent .. "/comm")
+    local name = comm and comm:read("l")
+    if comm then comm:close() end
+    if name == "lighttpd" then return "lighttpd runs workers: set server.max-worker = 0, as the snippets do" end
+    local named = r.req_env["TZR4417_LOGIN_STATE"]
+    if not (named and named:match("^/[%w._/-]*$")) then
+      return "set var.tzr4417_state to a folder (an absolute path of letters, digits and ._/-)"
+    end
+    folder = named
+    load()
+    return nil
+  end
+
   local function gate(r, now)
     if r.req_env[MARK] then return 0 end -- counted already, before a restart of the request
-    if r.req_env["REMOTE_USER"] then -- mod_auth has checked it already
-      log("mod_auth runs before this gate: list mod_setenv, mod_access and mod_magnet ahead of it")
+    local wrong = setup_error or setup(r)
+    if wrong then
+      if wrong ~= setup_error then log(wrong) end -- once
+      setup_error = wrong
       return 500
-    end
-    if not folder then
-      folder = r.req_env["TZR4417_LOGIN_STATE"]
-      if not (folder and folder:match("^/[%w._/-]*$")) then
-        log("set var.tzr4417_state to a folder (an absolute path of letters, digits and ._/-)")
-        folder = nil
-        return 500
-      end
-      load()
     end
     -- Refused before mod_auth could ask for a password, which would have
     -- the browser send one (typed into the address, or the owner's own).
