@@ -6,7 +6,12 @@ printed and exits with its exit status.
 The console is a root shell that echoes what it is sent; the command goes as base64 (any quoting, any line) and
 runs with no input, and markers that the echo cannot contain frame its output and status. One command at a time:
 board.sh holds a lock around each."""
-import base64, re, secrets, socket, sys, time
+import base64
+import re
+import secrets
+import socket
+import sys
+import time
 
 
 def run(path, seconds, command):
@@ -15,8 +20,10 @@ def run(path, seconds, command):
     # The shell's line editor keeps some 1000 characters a line: the script goes in pieces.
     lines = "".join(f" echo {script[i:i + 512]} >>/tmp/.run-{tag}\n" for i in range(0, len(script), 512))
     # In the echo each marker reads B""TAG; only the shell's output joins it into BTAG.
-    lines += (f" base64 -d /tmp/.run-{tag} >/tmp/.run-{tag}.sh; echo; echo B\"\"{tag};"
-              f" sh /tmp/.run-{tag}.sh </dev/null; s=$?; echo; echo E\"\"{tag} $s; rm -f /tmp/.run-{tag}*\n")
+    lines += (
+        f' base64 -d /tmp/.run-{tag} >/tmp/.run-{tag}.sh; echo; echo B""{tag};'
+        f' sh /tmp/.run-{tag}.sh </dev/null; s=$?; echo; echo E""{tag} $s; rm -f /tmp/.run-{tag}*\n'
+    )
     deadline = time.monotonic() + seconds
     with socket.socket(socket.AF_UNIX) as console:
         console.connect(path)
