@@ -8,15 +8,7 @@ touched. Every compared figure is a ratio of medians taken in this run,
 program and reference interleaved, because the machines are shared and noisy.
 """
 
-import argparse
-import json
-import os
-import re
-import shutil
-import statistics
-import subprocess
-import sys
-import urllib.request
+import argparse, json, os, re, shutil, statistics, subprocess, sys, urllib.request
 from pathlib import Path
 from typing import NamedTuple
 

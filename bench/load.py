@@ -11,13 +11,7 @@ Needs root.
 
   PYTHONPATH=tools bench/load.py CGI SIMULATOR [--clients 8] [--writes 200] [--readers 0]
 """
-import argparse
-import contextlib
-import http.client
-import os
-import statistics
-import threading
-import time
+import argparse, contextlib, http.client, os, statistics, threading, time
 
 import sandbox  # tools/, on PYTHONPATH
 

@@ -6,12 +6,7 @@ printed and exits with its exit status.
 The console is a root shell that echoes what it is sent; the command goes as base64 (any quoting, any line) and
 runs with no input, and markers that the echo cannot contain frame its output and status. One command at a time:
 board.sh holds a lock around each."""
-import base64
-import re
-import secrets
-import socket
-import sys
-import time
+import base64, re, secrets, socket, sys, time
 
 
 def run(path, seconds, command):

@@ -6,11 +6,7 @@ in for the appliance's daemon, and this folder's init scripts; packed as an init
 
 ARCHIVE is the release .tar.gz, DEBS a folder of the target's .deb files (one kernel among them), SERVER lighttpd or
 busybox, PASSWORD the console's (the guide's user admin). Writes OUT/kernel and OUT/initrd.gz."""
-import os
-import re
-import shutil
-import subprocess
-import sys
+import os, re, shutil, subprocess, sys
 from pathlib import Path
 
 import install_guide  # tools/, on PYTHONPATH (board.sh sets it)

@@ -7,9 +7,7 @@ curl examples with the answer shown under each.
   guide.install(ROOTFS=..., PASSWORD=..., NETWORK=...)
   guide.on_board("10.0.2.15")["certificate"]
 """
-import re
-import subprocess
-import tarfile
+import re, subprocess, tarfile
 from pathlib import Path
 
 ADDRESS = "192.168.1.10"  # the guide's board

@@ -9,11 +9,7 @@ write, which ends right after its fork, the daemon's socket.
 memcheck cannot follow a fully static program's allocations, so this builds
 the dynamic one, into build-memcheck/.  Usage: tools/memcheck.py
 """
-import os
-import re
-import shutil
-import subprocess
-import sys
+import os, re, shutil, subprocess, sys
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]

@@ -14,9 +14,7 @@ A mutant that does not build is reported apart, never as caught: it tells
 nothing of the suite. Warnings are not errors here, since a fault the
 compiler only warns of still makes a program to test.
 """
-import re
-import subprocess
-import sys
+import re, subprocess, sys
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]

@@ -14,17 +14,7 @@ each FOLDER under /tmp (a build folder there) still in place in the private
 /tmp. The attribute survives exec, also into qemu-user, which cannot set it
 for the program it emulates. COMMAND finds TZR_SANDBOX set.
 """
-import contextlib
-import ctypes
-import os
-import re
-import shutil
-import signal
-import socket
-import subprocess
-import sys
-import threading
-import time
+import contextlib, ctypes, os, re, shutil, signal, socket, subprocess, sys, threading, time
 from pathlib import Path
 
 SRC = Path(__file__).resolve().parents[1]

@@ -3,9 +3,7 @@
 GNU ld map that the build writes beside it (build/ARCH/tzr4417.cgi.map).
   tools/size-by-library.py MAP [LIBRARY]   # LIBRARY: also its largest members
 """
-import collections
-import re
-import sys
+import collections, re, sys
 
 # Where an input section comes from, by a piece of its file's path.
 ORIGINS = [
