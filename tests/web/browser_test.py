@@ -5,19 +5,22 @@ too, the browser trusting the device certificate alone)"""
 import base64, re, sys, unittest
 from pathlib import Path
 from string import Template
+
 from selenium.webdriver.common.by import By
+
 import webenv
 from webenv import IP, PROGRAM, USER
 
 NET = "/configuration/network/"
 HOME, MOVED, ELSEWHERE = "192.0.2.10", "192.0.2.11", "192.0.2.66"
 SCHEME = sys.argv[3]
-# Foreign pages: on another port of the appliance's address, at another address; over HTTPS with its key.
+READ_4 = "Read 4 parameters."  # the console's message once it has read its list
+# The appliance's snippet; foreign pages: on another port of its address, at another address; over HTTPS with its key.
 FOREIGN_TLS = f'ssl.engine = "enable" ssl.pemfile = "{webenv.CERT}" ssl.privkey = "{webenv.TLS}/key.pem"'
-PORT, TLS = {"http": (8081, ""), "https": (8443, FOREIGN_TLS)}[SCHEME]
+SNIPPET, PORT, TLS = {"http": ("tzr4417.conf", 8081, ""), "https": ("tzr4417-https.conf", 8443, FOREIGN_TLS)}[SCHEME]
 ORIGINS = {"port": f"{SCHEME}://{HOME}:{PORT}", "address": f"{SCHEME}://{ELSEWHERE}:{PORT}"}
-FORM = ('<form %s action="$url"><input name=write value="$name"><input name=value value="$tag"></form>'
-        '<script>document.forms[0].submit()</script>')
+FORM = '<form %s action="$url"><input name=write value="$name"><input name=value value="$tag"></form>'
+FORM += "<script>document.forms[0].submit()</script>"
 LINK = '<a %s href="$url">go</a><script>document.links[0].click()</script>'
 FETCH = '<script>fetch("$url", {%s})</script>'
 # Each page tries to write $tag into $name at $url, the program's address.
@@ -42,8 +45,8 @@ VECTORS = {
     "meta refresh": '<meta http-equiv=refresh content="0; url=$url">',
 }
 # A foreign name pointed at the appliance (DNS rebinding) is same-origin: it may send any header and a password.
-REBIND = '<script>fetch("$path", {headers: {"X-Tzr4417-Console": "1", Authorization: "Basic %s"}})</script>' % (
-    base64.b64encode(":".join(USER).encode()).decode())
+BASIC = base64.b64encode(":".join(USER).encode()).decode()
+REBIND = '<script>fetch("$path", {headers: {"X-Tzr4417-Console": "1", Authorization: "Basic %s"}})</script>' % BASIC
 # A foreign page sends one window of its own to the program again and again with a wrong password in the address
 # (the browser then offers it for the host): the program's bare address, and a plain read; then it opens the console
 # in 12 windows with a wrong password in theirs.
@@ -65,14 +68,14 @@ class BrowserTest(unittest.TestCase):
     def setUpClass(cls):
         webenv.isolate(HOME, ELSEWHERE)
         webenv.certificate("encoder", HOME)
-        webenv.lighttpd({"http": "tzr4417.conf", "https": "tzr4417-https.conf"}[SCHEME], 80, [
-            'server.modules += ("mod_accesslog")', 'accesslog.filename = "|exec cat >/tmp/access.log"',
-            'mimetype.assign = (".html" => "text/html")',
-            f'$SERVER["socket"] == ":{PORT}" {{ server.document-root = "/tmp/www/attack" {TLS} }}'],
-            bind="0.0.0.0", tzr4417_hosts="encoder", tzr4417_users=webenv.users(), tzr4417_tls=webenv.TLS)
+        log = ['server.modules += ("mod_accesslog")', 'accesslog.filename = "|exec cat >/tmp/access.log"']
+        attack = f'$SERVER["socket"] == ":{PORT}" {{ server.document-root = "/tmp/www/attack" {TLS} }}'
+        extra = [*log, 'mimetype.assign = (".html" => "text/html")', attack]
+        settings = {"tzr4417_hosts": "encoder", "tzr4417_users": webenv.users(), "tzr4417_tls": webenv.TLS}
+        webenv.lighttpd(SNIPPET, 80, extra, bind="0.0.0.0", **settings)
         Path("/tmp/www/attack").mkdir()
-        cls.driver = webenv.chromium(webenv.CERT, FLAGS, {"profile.cookie_controls_mode": 0,
-                                                          "profile.block_third_party_cookies": False})
+        cookies = {"profile.cookie_controls_mode": 0, "profile.block_third_party_cookies": False}
+        cls.driver = webenv.chromium(webenv.CERT, FLAGS, cookies)
 
     @classmethod
     def tearDownClass(cls):
@@ -82,7 +85,6 @@ class BrowserTest(unittest.TestCase):
         self.sim = webenv.simulator()  # a daemon with the default tree for each test
         self.addCleanup(self.sim.proc.terminate)
         self.login(HOME)
-
 
     def login(self, host):
         """Answers the password prompt once: the browser keeps it for the host. Over plain HTTP the program's
@@ -105,7 +107,7 @@ class BrowserTest(unittest.TestCase):
         webenv.add_address(MOVED)  # the appliance's interface gets a second address
         self.login(MOVED)
         self.driver.get(f"{SCHEME}://{HOME}/console/")
-        self.assertEqual(self.settle(), "Read 4 parameters.")
+        self.assertEqual(self.settle(), READ_4)
         self.driver.find_element(By.ID, "add-name").send_keys(NET + "hostname\n")
         self.assertEqual(self.settle(), "Read 5 parameters.")
         self.assertEqual([self.row("ip_addr"), self.row("hostname")], [("192.168.1.10", ""), ("encoder", "")])
@@ -115,21 +117,21 @@ class BrowserTest(unittest.TestCase):
         saved = webenv.poll(lambda: Path("/tmp/appliance.conf").read_text(), lambda text: MOVED in text)
         self.assertIn(f"ip_addr {MOVED}", saved)
         self.driver.find_element(By.ID, "moved-link").click()
-        self.assertEqual((self.settle(), self.driver.current_url),
-                         ("Read 4 parameters.", f"{SCHEME}://{MOVED}/console/"))
+        self.assertEqual((self.settle(), self.driver.current_url), (READ_4, f"{SCHEME}://{MOVED}/console/"))
         self.assertIn("1 parameter changed", self.write(NET + "hostname", "moved"))
 
     def test_console_says_what_happened(self):
         self.login("encoder")
         # A password in the console's address is never sent: the page comes back without it.
         self.driver.get(f"{SCHEME}://admin:wrong@encoder/console/")
-        self.assertEqual((self.settle(), self.driver.current_url), ("Read 4 parameters.", f"{SCHEME}://encoder/console/"))
+        self.assertEqual((self.settle(), self.driver.current_url), (READ_4, f"{SCHEME}://encoder/console/"))
         for name, value, message, changes in [
-                ("hostname", "studio", "1 parameter changed.", True),
-                ("hostname", "studio", "It held that value already; nothing else changed.", False),
-                ("host name", "x", "the write was refused, though the daemon answers reads", False),
-                ("hostname", "enc\x01oder", "raw control byte 0x01", True),
-                ("hostname", "x" * 17000, "413: the request is larger than the web server accepts.", False)]:
+            ("hostname", "studio", "1 parameter changed.", True),
+            ("hostname", "studio", "It held that value already; nothing else changed.", False),
+            ("host name", "x", "the write was refused, though the daemon answers reads", False),
+            ("hostname", "enc\x01oder", "raw control byte 0x01", True),
+            ("hostname", "x" * 17000, "413: the request is larger than the web server accepts.", False),
+        ]:
             with self.subTest(value[:10]):
                 self.assertIn(message, self.write(NET + name, value))
                 self.assertEqual(self.driver.find_element(By.ID, "changes-box").is_displayed(), changes)
@@ -140,29 +142,29 @@ class BrowserTest(unittest.TestCase):
         self.assertIn("no text: the configuration daemon did not answer", self.settle())
 
     def test_a_foreign_page_spends_none_of_the_owners_checks(self):
-        Path("/tmp/www/attack/popup.html").write_text(Template(POPUP).substitute(scheme=SCHEME, host=HOME,
-                                                                                  path=PROGRAM))
+        popup = Template(POPUP).substitute(scheme=SCHEME, host=HOME, path=PROGRAM)
+        Path("/tmp/www/attack/popup.html").write_text(popup)
         self.driver.get(ORIGINS["address"] + "/popup.html")
-        log = lambda: Path("/tmp/access.log").read_text()  # noqa: E731
+        log = Path("/tmp/access.log").read_text
         self.assertIn("probe-99", webenv.poll(log, lambda text: "probe-99" in text, 30))
         self.assertEqual(webenv.poll(lambda: log().count("POST /cgi-bin/"), (12).__le__, 30), 12)  # consoles' reads
         self.driver.switch_to.window(self.driver.window_handles[0])
         self.assertEqual(Path("/tmp/server.log").read_text().count("password doesn't match"), 0)
         self.driver.get(f"{SCHEME}://{HOME}/console/")
-        self.assertEqual(self.settle(), "Read 4 parameters.")
+        self.assertEqual(self.settle(), READ_4)
 
     def test_foreign_pages_cannot_write(self):
-        pages = [(f"{origin}: {name}", f"{url}/{number}-{origin}.html", page) for origin, url in ORIGINS.items()
-                 for number, (name, page) in enumerate(VECTORS.items())]
-        pages.append(("rebinding", f"{SCHEME}://rebind.example/attack/rebind.html", REBIND))
+        pages = [(f"{origin}: {name}", url, page) for origin, url in ORIGINS.items() for name, page in VECTORS.items()]
+        pages.append(("rebinding", f"{SCHEME}://rebind.example/attack", REBIND))
         main, seen, framed = self.driver.current_window_handle, {}, []
-        log = lambda tag: re.findall(rf'"(\w+) [^ "]*value={tag}\b[^"]*" (\d+)', Path("/tmp/access.log").read_text())
-        for number, (name, url, page) in enumerate(pages):
-            tag, target = f"foreign-{number}", f"{PROGRAM}?write={NET}hostname&value=foreign-{number}"
-            Path("/tmp/www/attack", Path(url).name).write_text(Template(page).substitute(
-                url=f"{SCHEME}://{HOME}{target}", path=target, name=NET + "hostname", tag=tag))
+        for number, (name, site, page) in enumerate(pages):  # each page in a file of its own at SITE
+            tag, url = f"foreign-{number}", f"{site}/{number}.html"
+            target = f"{PROGRAM}?write={NET}hostname&value={tag}"
+            fields = {"url": f"{SCHEME}://{HOME}{target}", "path": target, "name": NET + "hostname", "tag": tag}
+            Path("/tmp/www/attack", Path(url).name).write_text(Template(page).substitute(fields))
             self.driver.get(url)
-            seen[name] = webenv.poll(lambda: log(tag), bool)  # its request, with lighttpd's answer
+            pattern = rf'"(\w+) [^ "]*value={tag}\b[^"]*" (\d+)'  # its request, with lighttpd's answer
+            seen[name] = webenv.poll(lambda: re.findall(pattern, Path("/tmp/access.log").read_text()), bool)
             for handle in set(self.driver.window_handles) - {main}:
                 self.driver.switch_to.window(handle)
                 self.driver.close()
