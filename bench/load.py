@@ -11,13 +11,7 @@ Needs root.
 
   PYTHONPATH=tools bench/load.py CGI SIMULATOR [--clients 8] [--writes 200] [--readers 0]
 """
-import argparse
-import contextlib
-import http.client
-import os
-import statistics
-import threading
-import time
+import argparse, contextlib, http.client, os, statistics, threading, time
 
 import sandbox  # tools/, on PYTHONPATH
 
@@ -37,8 +31,9 @@ def write_all(port, client, writes, refused, latencies):
     connection = http.client.HTTPConnection("127.0.0.1", port, timeout=REQUEST_TIMEOUT)
     for number in range(writes):
         start = time.monotonic()
-        connection.request("GET", f"/cgi-bin/tzr4417.cgi?write=/load/{client}/{number}"
-                                  f"&value={client}.{number}", headers=OWN_PAGE)
+        connection.request(
+            "GET", f"/cgi-bin/tzr4417.cgi?write=/load/{client}/{number}&value={client}.{number}", headers=OWN_PAGE
+        )
         response = connection.getresponse()
         if response.status != 200 or not response.read().endswith(b'"reply": "" }\n'):
             refused.append(f"/load/{client}/{number}: {response.status}")
@@ -62,8 +57,11 @@ def read_all(port, done, refused, reads):
 
 def saved_writes():
     with open("/tmp/appliance.conf") as tree:
-        return {path: value for path, _, value in (line.rstrip("\n").partition(" ") for line in tree)
-                if path.startswith("/load/")}
+        return {
+            path: value
+            for path, _, value in (line.rstrip("\n").partition(" ") for line in tree)
+            if path.startswith("/load/")
+        }
 
 
 def stragglers(keep):
@@ -94,10 +92,11 @@ def main():
     idle = descriptors(server, sim.proc)
 
     refused, latencies, reads, done = [], [], [], threading.Event()
-    readers = [threading.Thread(target=read_all, args=(port, done, refused, reads))
-               for _ in range(args.readers)]
-    clients = [threading.Thread(target=write_all, args=(port, client, args.writes, refused, latencies))
-               for client in range(args.clients)]
+    readers = [threading.Thread(target=read_all, args=(port, done, refused, reads)) for _ in range(args.readers)]
+    clients = [
+        threading.Thread(target=write_all, args=(port, client, args.writes, refused, latencies))
+        for client in range(args.clients)
+    ]
     start = time.monotonic()
     for thread in readers + clients:
         thread.start()
@@ -112,16 +111,20 @@ def main():
     wanted = {f"/load/{c}/{n}": f"{c}.{n}" for c in range(args.clients) for n in range(args.writes)}
     saved = sandbox.poll(saved_writes, wanted.__eq__, SAVE_WAIT)
     lost = sum(saved.get(path) != value for path, value in wanted.items())
-    left = sandbox.poll(lambda: stragglers({server.pid, sim.proc.pid}), lambda pids: not pids,
-                        SETTLE_WAIT)
-    settled = lambda now: all(a <= b for a, b in zip(now, idle))  # noqa: E731
+    left = sandbox.poll(lambda: stragglers({server.pid, sim.proc.pid}), lambda pids: not pids, SETTLE_WAIT)
+
+    def settled(now):
+        return all(a <= b for a, b in zip(now, idle))
+
     open_now = sandbox.poll(lambda: descriptors(server, sim.proc), settled, SETTLE_WAIT)
-    print(f"{len(wanted)} writes by {args.clients} clients in {elapsed:.2f} s "
-          f"({len(wanted) / elapsed:.0f} writes/s): {len(wanted) - lost} held in the saved tree, "
-          f"{lost} lost, {len(refused)} refused; a write took {statistics.median(latencies) * 1e3:.1f} ms "
-          f"(median), {max(latencies) * 1e3:.1f} ms at most, beside {len(reads)} reads by "
-          f"{args.readers} readers; {len(left)} processes left; descriptors of lighttpd and the "
-          f"simulator {idle} before, {open_now} after")
+    print(
+        f"{len(wanted)} writes by {args.clients} clients in {elapsed:.2f} s "
+        f"({len(wanted) / elapsed:.0f} writes/s): {len(wanted) - lost} held in the saved tree, "
+        f"{lost} lost, {len(refused)} refused; a write took {statistics.median(latencies) * 1e3:.1f} ms "
+        f"(median), {max(latencies) * 1e3:.1f} ms at most, beside {len(reads)} reads by "
+        f"{args.readers} readers; {len(left)} processes left; descriptors of lighttpd and the "
+        f"simulator {idle} before, {open_now} after"
+    )
     for line in refused[:SHOWN_REFUSALS]:
         print("refused:", line)
 

@@ -15,8 +15,10 @@ def run(path, seconds, command):
     # The shell's line editor keeps some 1000 characters a line: the script goes in pieces.
     lines = "".join(f" echo {script[i:i + 512]} >>/tmp/.run-{tag}\n" for i in range(0, len(script), 512))
     # In the echo each marker reads B""TAG; only the shell's output joins it into BTAG.
-    lines += (f" base64 -d /tmp/.run-{tag} >/tmp/.run-{tag}.sh; echo; echo B\"\"{tag};"
-              f" sh /tmp/.run-{tag}.sh </dev/null; s=$?; echo; echo E\"\"{tag} $s; rm -f /tmp/.run-{tag}*\n")
+    lines += (
+        f' base64 -d /tmp/.run-{tag} >/tmp/.run-{tag}.sh; echo; echo B""{tag};'
+        f' sh /tmp/.run-{tag}.sh </dev/null; s=$?; echo; echo E""{tag} $s; rm -f /tmp/.run-{tag}*\n'
+    )
     deadline = time.monotonic() + seconds
     with socket.socket(socket.AF_UNIX) as console:
         console.connect(path)

@@ -8,6 +8,7 @@ ARCHIVE is the release .tar.gz, DEBS a folder of the target's .deb files (one ke
 busybox, PASSWORD the console's (the guide's user admin). Writes OUT/kernel and OUT/initrd.gz."""
 import os, re, shutil, subprocess, sys
 from pathlib import Path
+
 import install_guide  # tools/, on PYTHONPATH (board.sh sets it)
 
 HERE = Path(__file__).resolve().parent
@@ -16,11 +17,22 @@ DEFAULTS = HERE.parent / "simulator/appliance-default.conf"
 # the host's loopback through qemu's forwards, which is where its users reach it.
 ADDRESSES = "10.0.2.15 127.0.0.1"
 NETWORK = "10.0.2.0/24"  # qemu's user-mode network: forwarded requests come from 10.0.2.2
-MODULES = ["virtio_mmio", "virtio_net", "virtio_blk", "virtio_rng", "ext4", "crc32c_generic",
-           "nft_ct", "nft_connlimit", "nft_reject_inet"]  # the guide's connection limit
+MODULES = [
+    "virtio_mmio",
+    "virtio_net",
+    "virtio_blk",
+    "virtio_rng",
+    "ext4",
+    "crc32c_generic",
+    "nft_ct",
+    "nft_connlimit",
+    "nft_reject_inet",
+]  # the guide's connection limit
 # What an appliance's image leaves out: documentation, locales, device trees (qemu makes its own), lighttpd's
 # own configuration (the guide makes the one the board needs) and the C++ build of Lua, which nothing loads.
-SKIP = re.compile(r"^(usr/share|etc|boot|lib/modules|usr/lib/linux-image-[^/]+|usr/lib/[^/]+/(gconv|audit|liblua5.4-c\+\+.*))(/|$)")
+SKIP = re.compile(
+    r"^(usr/share|etc|boot|lib/modules|usr/lib/linux-image-[^/]+|usr/lib/[^/]+/(gconv|audit|liblua5.4-c\+\+.*))(/|$)"
+)
 
 
 def run(*command, **options):
@@ -58,8 +70,9 @@ def modules(stage, rootfs):
     version = next((stage / "lib/modules").iterdir()).name
     order = []
     for module in MODULES:
-        shown = run("modprobe", "-d", stage, "-S", version, "--show-depends", module, capture_output=True,
-                    text=True).stdout.split()
+        shown = run(
+            "modprobe", "-d", stage, "-S", version, "--show-depends", module, capture_output=True, text=True
+        ).stdout.split()
         order += [path for path in shown if path.endswith(".ko") and path not in order]
     for path in order:
         target = rootfs / Path(path).relative_to(stage)
@@ -132,8 +145,12 @@ def main(archive, debs, simulator, server, password, out):
     os.symlink("/data/tzr4417", rootfs / "var/lib/tzr4417")
     files = subprocess.run(["find", ".", "-mindepth", "1"], cwd=rootfs, check=True, capture_output=True).stdout
     with open(out / "initrd.gz", "wb") as initrd:
-        cpio = subprocess.Popen(["cpio", "-o", "-H", "newc", "--quiet", "-R", "0:0"], cwd=rootfs,
-                                stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        cpio = subprocess.Popen(
+            ["cpio", "-o", "-H", "newc", "--quiet", "-R", "0:0"],
+            cwd=rootfs,
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+        )
         gzip = subprocess.Popen(["gzip", "-6"], stdin=cpio.stdout, stdout=initrd)
         cpio.stdin.write(files)
         cpio.stdin.close()

@@ -4,8 +4,8 @@
 # does). Run as root; does nothing when everything is already there.
 set -euo pipefail
 
-packages=(build-essential cmake pkg-config libcgicc-dev googletest libgtest-dev libgmock-dev
-          lighttpd lighttpd-mod-openssl lighttpd-modules-lua openssl curl clang-format util-linux valgrind
+packages=(build-essential cmake pkg-config libcgicc-dev googletest libgtest-dev libgmock-dev clang-format black flake8
+          lighttpd lighttpd-mod-openssl lighttpd-modules-lua openssl curl util-linux valgrind
           busybox chromium chromium-driver python3-selenium iproute2 wrk nftables
           qemu-system-arm qemu-user kmod cpio e2fsprogs g++-arm-linux-gnueabihf g++-aarch64-linux-gnu)
 

@@ -7,16 +7,13 @@ curl examples with the answer shown under each.
   guide.install(ROOTFS=..., PASSWORD=..., NETWORK=...)
   guide.on_board("10.0.2.15")["certificate"]
 """
-import re
-import subprocess
-import tarfile
+import re, subprocess, tarfile
 from pathlib import Path
 
 ADDRESS = "192.168.1.10"  # the guide's board
 ON_THE_BOARD = "# On the board"  # how a block that the board runs begins
 # What the guide has the board run, by the program each command starts.
-PROGRAMS = {"firewall": "nft", "certificate": "tzr4417-certificate.sh", "lighttpd": "lighttpd",
-            "busybox": "httpd.sh"}
+PROGRAMS = {"firewall": "nft", "certificate": "tzr4417-certificate.sh", "lighttpd": "lighttpd", "busybox": "httpd.sh"}
 
 
 class Guide:
@@ -48,8 +45,7 @@ class Guide:
         if sorted(started) != sorted(wanted):
             raise ValueError(f"INSTALL.md has the board run {started}, not {list(wanted)}")
         commands = dict(zip(started, self.board))
-        return {what: commands[program].replace(ADDRESS, address)
-                for what, program in PROGRAMS.items()}
+        return {what: commands[program].replace(ADDRESS, address) for what, program in PROGRAMS.items()}
 
 
 def unpack(archive, folder):

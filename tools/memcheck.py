@@ -9,11 +9,7 @@ write, which ends right after its fork, the daemon's socket.
 memcheck cannot follow a fully static program's allocations, so this builds
 the dynamic one, into build-memcheck/.  Usage: tools/memcheck.py
 """
-import os
-import re
-import shutil
-import subprocess
-import sys
+import os, re, shutil, subprocess, sys
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
@@ -45,17 +41,30 @@ def main():
         subprocess.run(command, check=True, **options)
 
     run(ROOT / "tools/install-deps.sh")
-    run("cmake", "-S", ROOT, "-B", BUILD, "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DTZR_STATIC=OFF",
-        "-DTZR_WERROR=ON", stdout=subprocess.DEVNULL)
+    run(
+        "cmake",
+        "-S",
+        ROOT,
+        "-B",
+        BUILD,
+        "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
+        "-DTZR_STATIC=OFF",
+        "-DTZR_WERROR=ON",
+        stdout=subprocess.DEVNULL,
+    )
     run("cmake", "--build", BUILD, f"-j{os.cpu_count()}")
     shutil.rmtree(LOGS, ignore_errors=True)
     LOGS.mkdir()
     LOGS.chmod(0o1777)  # a write run as user nobody logs here too
-    wrapper = ("valgrind --trace-children=yes --track-fds=yes --leak-check=full "
-               f"--errors-for-leak-kinds=definite,indirect,possible --log-file={LOGS}/%p.log")
-    tests = subprocess.run(["ctest", f"-j{os.cpu_count()}", "-R", r"^e2e\.", "--output-on-failure",
-                            "--timeout", str(TEST_TIMEOUT)],
-                           cwd=BUILD, env={**os.environ, "TZR_CGI_WRAPPER": wrapper})
+    wrapper = (
+        "valgrind --trace-children=yes --track-fds=yes --leak-check=full "
+        f"--errors-for-leak-kinds=definite,indirect,possible --log-file={LOGS}/%p.log"
+    )
+    tests = subprocess.run(
+        ["ctest", f"-j{os.cpu_count()}", "-R", r"^e2e\.", "--output-on-failure", "--timeout", str(TEST_TIMEOUT)],
+        cwd=BUILD,
+        env={**os.environ, "TZR_CGI_WRAPPER": wrapper},
+    )
     problems, processes = verdict(LOGS)
     print("\n".join(problems))
     print(f"memcheck: {processes} processes, {len(problems)} problems (logs in {LOGS})")

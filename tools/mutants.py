@@ -14,9 +14,7 @@ A mutant that does not build is reported apart, never as caught: it tells
 nothing of the suite. Warnings are not errors here, since a fault the
 compiler only warns of still makes a program to test.
 """
-import re
-import subprocess
-import sys
+import re, subprocess, sys
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
@@ -29,7 +27,7 @@ ARGS = sys.argv[1:]
 LABEL = "unit" if "--unit" in ARGS else None
 if "--label" in ARGS[:-1]:
     at = ARGS.index("--label")
-    LABEL, ARGS = ARGS[at + 1], ARGS[:at] + ARGS[at + 2:]
+    LABEL, ARGS = ARGS[at + 1], ARGS[:at] + ARGS[at + 2 :]
 if LABEL:
     CTEST = ["ctest", "-j2", "--timeout", "60", "-L", LABEL]
 
@@ -45,8 +43,11 @@ MUTANTS = [
     ("config_client/uds_connection.cpp", "MSG_NOSIGNAL", "0"),
     ("config_client/uds_connection.cpp", "if (line.back() != '\\r') ", ""),
     ("config_client/uds_connection.cpp", "reply.size() - (kPrompt.size() - 1)", "reply.size()"),
-    ("config_client/uds_connection.cpp", "setStatus(UdsStatus::ReadFailed, errno);\n      close();",
-     "setStatus(UdsStatus::ReadFailed, errno);"),
+    (
+        "config_client/uds_connection.cpp",
+        "setStatus(UdsStatus::ReadFailed, errno);\n      close();",
+        "setStatus(UdsStatus::ReadFailed, errno);",
+    ),
     ("config_client/uds_connection.cpp", "reply.resize(p);", "reply.resize(p + 1);"),
     ("config_client/config_client.cpp", "  trimLeft(text);\n", ""),
     ("config_client/config_client.cpp", " || c == '\\0'", ""),
@@ -56,29 +57,30 @@ MUTANTS = [
     ("config_client/config_client.cpp", "    replies += reply;\n", ""),
     ("config_client/map_utils.cpp", "if (it != map.end())", "if (it != map.begin())"),
     ("config_client/map_utils.cpp", "it->second != entry.second", "it->second == entry.second"),
-    ("config_client/map_utils.cpp", "base.find(entry.first) == base.end()",
-     "base.find(entry.first) != base.end()"),
+    ("config_client/map_utils.cpp", "base.find(entry.first) == base.end()", "base.find(entry.first) != base.end()"),
     ("read_service/read_request.cpp", "name.find(' ')", "name.find('\\t')"),
     ("read_service/read_request.cpp", " &&\n         value != kNoSuchParameter", ""),
     ("read_service/read_request.cpp", "writeText(invalid[i]);", "writeJsonString(invalid[i]);"),
     ("read_service/read_request.cpp", "    if (end == begin) continue;\n", ""),
     ("read_service/read_request.cpp", "  if (memberWritten) writeText", "  writeText"),
-    ("write_service/write_request.cpp", "value = \"\\\"\\\"\";", "value = \"\";"),
+    ("write_service/write_request.cpp", 'value = "\\"\\"";', 'value = "";'),
     ("write_service/write_request.cpp", "  setsid();\n", ""),
     ("write_service/write_request.cpp", '  redirectToDevNull("r", stdin);\n', ""),
     ("write_service/write_request.cpp", '  redirectToDevNull("a", stdout);\n', ""),
     ("write_service/write_request.cpp", '  redirectToDevNull("a", stderr);\n', ""),
     ("write_service/write_request.cpp", "if (pid > 0) exit(0);", "if (pid > 0) return false;"),
     ("write_service/write_request.cpp", "    writeText(reply);\n", ""),
-    ("write_service/write_request.cpp", "if (!reply.empty()) syslog(LOG_INFO, \"Reply from \\\"put",
-     "if (reply.empty()) syslog(LOG_INFO, \"Reply from \\\"put"),
+    (
+        "write_service/write_request.cpp",
+        'if (!reply.empty()) syslog(LOG_INFO, "Reply from \\"put',
+        'if (reply.empty()) syslog(LOG_INFO, "Reply from \\"put',
+    ),
     ("write_service/triggered_rule.cpp", "name.compare(29, 16,", "name.compare(28, 16,"),
     ("write_service/triggered_rule.cpp", "name.compare(43, 5,", "name.compare(42, 5,"),
     ("write_service/triggered_rule.cpp", "name.compare(0, 42,", "name.compare(0, 41,"),
     ("write_service/triggered_rule.cpp", "value.substr(7, 1)", "value.substr(6, 1)"),
     ("write_service/triggered_rule.cpp", ' ||\n             name == "/configuration/network/subnet_mask"', ""),
-    ("write_service/parameter_access.cpp", "  if (pending != changes.end()) {",
-     "  if (false) {"),
+    ("write_service/parameter_access.cpp", "  if (pending != changes.end()) {", "  if (false) {"),
     ("write_service/parameter_access.cpp", ": current == expected", ": current != expected"),
     ("write_service/parameter_access.cpp", "syslog(LOG_INFO,", "syslog(LOG_NOTICE,"),
     ("rules/fixed_settings.cpp", '"line"', '"lin"'),
@@ -110,14 +112,23 @@ MUTANTS = [
     ("config_client/uds_connection.cpp", "  lock_.release();\n  pollfd", "  pollfd"),
     ("config_client/uds_connection.cpp", "if (readerGone(fds[1].revents))", "if (false)"),
     ("config_client/uds_connection.cpp", "if (readerGone(reply.revents))", "if (false)"),
-    ("config_client/uds_connection.cpp", "if (unattendedLimitMs_ < 0) return awaitAbandonment();",
-     "return awaitAbandonment();"),
-    ("config_client/uds_connection.cpp", "setStatus(UdsStatus::Abandoned, 0);\n    } else {",
-     "setStatus(UdsStatus::OpenFailed, ECANCELED);\n    } else {"),
+    (
+        "config_client/uds_connection.cpp",
+        "if (unattendedLimitMs_ < 0) return awaitAbandonment();",
+        "return awaitAbandonment();",
+    ),
+    (
+        "config_client/uds_connection.cpp",
+        "setStatus(UdsStatus::Abandoned, 0);\n    } else {",
+        "setStatus(UdsStatus::OpenFailed, ECANCELED);\n    } else {",
+    ),
     ("read_service/read_request.cpp", "      if (client.abandoned()) return false;\n", ""),
     ("write_service/write_request.cpp", "  if (client.abandoned()) return false;  // also", "  // also"),
-    ("config_client/uds_connection.cpp", "  close();\n  lock_.release();\n  return false;",
-     "  close();\n  return false;"),
+    (
+        "config_client/uds_connection.cpp",
+        "  close();\n  lock_.release();\n  return false;",
+        "  close();\n  return false;",
+    ),
     ("config_client/daemon_lock.cpp", "mode == LockMode::Shared ? LOCK_SH", "mode == LockMode::Shared ? LOCK_EX"),
     ("write_service/write_request.cpp", "if (detach()) client.setUnattended", "if (detach()) (void)"),
 ]
@@ -128,11 +139,14 @@ def sequence_mutants(name, *moved):
     last: planted from the file as it stands, whatever its steps."""
     text = (ROOT / name).read_text()
     # A declaration left out would not build: only the statements that act.
-    steps = [line for line in text.splitlines(keepends=True)
-             if re.fullmatch(r"  [^ /}].*;\n", line) and not re.match(r"  (return\b|\w+ \w+;)", line)]
+    steps = [
+        line
+        for line in text.splitlines(keepends=True)
+        if re.fullmatch(r"  [^ /}].*;\n", line) and not re.match(r"  (return\b|\w+ \w+;)", line)
+    ]
     yield from ((name, line, "") for line in steps)
     for line in moved:
-        rest = text[text.index(line) + len(line):text.index(steps[-1]) + len(steps[-1])]
+        rest = text[text.index(line) + len(line) : text.index(steps[-1]) + len(steps[-1])]
         yield name, line + rest, rest + line
 
 
@@ -145,22 +159,29 @@ def set_mutants(name, pattern):
 
 # The write's rule sequence, and the blanks that make a written value quoted.
 # The rules see the written value, and what the triggered rule recorded.
-MUTANTS += [*sequence_mutants("write_service/collect_changes.cpp", "  changes[name] = value;\n",
-                              "  applyTriggeredRule(client, changes, name, value);\n"),
-            *set_mutants("write_service/write_request.cpp", r'" \\t[^"]*"')]
+MUTANTS += [
+    *sequence_mutants(
+        "write_service/collect_changes.cpp",
+        "  changes[name] = value;\n",
+        "  applyTriggeredRule(client, changes, name, value);\n",
+    ),
+    *set_mutants("write_service/write_request.cpp", r'" \\t[^"]*"'),
+]
 
 
 def run(command):
-    return subprocess.run(command, cwd=BUILD, stdout=subprocess.DEVNULL,
-                          stderr=subprocess.DEVNULL).returncode
+    return subprocess.run(command, cwd=BUILD, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode
 
 
 def main():
     words = [word for word in ARGS if word != "--unit"]
     chosen = [m for m in MUTANTS if not words or any(word in m[0] or word in m[1] for word in words)]
     BUILD.mkdir(exist_ok=True)
-    if run(["cmake", "-S", ROOT, "-B", BUILD, "-DCMAKE_BUILD_TYPE=Debug", "-DTZR_WERROR=OFF"]) or run(
-            ["cmake", "--build", BUILD, "-j2"]) or run(CTEST):
+    if (
+        run(["cmake", "-S", ROOT, "-B", BUILD, "-DCMAKE_BUILD_TYPE=Debug", "-DTZR_WERROR=OFF"])
+        or run(["cmake", "--build", BUILD, "-j2"])
+        or run(CTEST)
+    ):
         sys.exit("the suite does not build and pass as it stands")
     missed, unbuilt = [], []
     for number, (name, old, new) in enumerate(chosen, 1):
@@ -181,8 +202,10 @@ def main():
         elif not caught:
             missed.append(name)
     run(["cmake", "--build", BUILD, "-j2"])
-    print(f"{len(chosen) - len(missed) - len(unbuilt)} of {len(chosen)} caught, {len(missed)} missed, "
-          f"{len(unbuilt)} did not build")
+    print(
+        f"{len(chosen) - len(missed) - len(unbuilt)} of {len(chosen)} caught, {len(missed)} missed, "
+        f"{len(unbuilt)} did not build"
+    )
     sys.exit(1 if missed or unbuilt else 0)
 
 

@@ -14,17 +14,7 @@ each FOLDER under /tmp (a build folder there) still in place in the private
 /tmp. The attribute survives exec, also into qemu-user, which cannot set it
 for the program it emulates. COMMAND finds TZR_SANDBOX set.
 """
-import contextlib
-import ctypes
-import os
-import re
-import shutil
-import signal
-import socket
-import subprocess
-import sys
-import threading
-import time
+import contextlib, ctypes, os, re, shutil, signal, socket, subprocess, sys, threading, time
 from pathlib import Path
 
 SRC = Path(__file__).resolve().parents[1]
@@ -48,8 +38,12 @@ def enter(keep=()):
         sys.exit("sandbox: a build folder cannot be /tmp itself: its /tmp must be private")
     keep = [folder for folder in keep if Path("/tmp") in folder.parents]
     _check(LIBC.unshare(CLONE_NEWNS) == 0, "unshare")
-    mounts = [(b"none", b"/", None, MS_REC | MS_PRIVATE), (b"tmpfs", b"/tmp", b"tmpfs", 0),
-              (b"/dev", b"/tmp/.dev", None, MS_BIND | MS_REC), (b"tmpfs", b"/dev", b"tmpfs", 0)]
+    mounts = [
+        (b"none", b"/", None, MS_REC | MS_PRIVATE),
+        (b"tmpfs", b"/tmp", b"tmpfs", 0),
+        (b"/dev", b"/tmp/.dev", None, MS_BIND | MS_REC),
+        (b"tmpfs", b"/dev", b"tmpfs", 0),
+    ]
     for source, target, kind, flags in mounts:
         if target == b"/tmp":  # the folders to keep, reached once /tmp is covered
             old_tmp = os.open("/tmp", os.O_PATH)
@@ -62,8 +56,10 @@ def enter(keep=()):
     os.close(old_tmp)
     for name in ("null", "zero", "random", "urandom"):
         Path("/dev", name).touch()
-        _check(LIBC.mount(b"/tmp/.dev/" + name.encode(), b"/dev/" + name.encode(), None, MS_BIND,
-                          None) == 0, f"bind /dev/{name}")
+        _check(
+            LIBC.mount(b"/tmp/.dev/" + name.encode(), b"/dev/" + name.encode(), None, MS_BIND, None) == 0,
+            f"bind /dev/{name}",
+        )
     os.symlink("/proc/self/fd", "/dev/fd")
     sink = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     sink.bind("/dev/log")
@@ -92,8 +88,7 @@ def install(cgi, www="/tmp/www"):
 
 def spawn(command, **options):
     # Servers and simulators end with whoever started them.
-    return subprocess.Popen(command, preexec_fn=lambda: LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGTERM),
-                            **options)
+    return subprocess.Popen(command, preexec_fn=lambda: LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGTERM), **options)
 
 
 def poll(probe, done, seconds=5):
@@ -113,8 +108,12 @@ class Simulator:
         shutil.copy(tree, "/tmp/appliance.conf")
         records = [] if quiet else ["--transcript", "/tmp/transcript", "--verbose"]
         with open("/tmp/simulator.log", "w") as log:
-            self.proc = spawn([*EMULATOR, sim, "--config", "/tmp/appliance.conf", *records, *options],
-                              stdout=subprocess.PIPE, stderr=log, text=True)
+            self.proc = spawn(
+                [*EMULATOR, sim, "--config", "/tmp/appliance.conf", *records, *options],
+                stdout=subprocess.PIPE,
+                stderr=log,
+                text=True,
+            )
         if self.proc.stdout.readline() != "ready\n":
             sys.exit("sandbox: the simulator did not start")
 
@@ -147,6 +146,7 @@ def free_port():
 
 def serve(command, port):
     """Starts a web server and waits until it accepts connections."""
+
     def accepts():
         with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", port)):
             return True
@@ -160,16 +160,23 @@ def serve(command, port):
     return proc
 
 
-def lighttpd(config, port, extra=(), www="/tmp/www", bind="127.0.0.1", after=(), path="/tmp/lighttpd.conf",
-             **settings):
+def lighttpd(config, port, extra=(), www="/tmp/www", bind="127.0.0.1", after=(), path="/tmp/lighttpd.conf", **settings):
     """lighttpd on BIND:PORT (127.0.0.1 or all addresses, 0.0.0.0) with a shipped
     CONFIG from web/servers/lighttpd, included as an integrator would: their
     settings first, the lines AFTER last. Its configuration file is PATH."""
-    settings = {"tzr4417_dir": SRC / "web/servers/lighttpd", "tzr4417_www": www, "tzr4417_state": "/tmp/state",
-                **settings}
+    settings = {
+        "tzr4417_dir": SRC / "web/servers/lighttpd",
+        "tzr4417_www": www,
+        "tzr4417_state": "/tmp/state",
+        **settings,
+    }
     os.makedirs(settings["tzr4417_state"], exist_ok=True)  # where the login gate remembers logins
-    lines = [*extra, *(f'var.{name} = "{value}"' for name, value in settings.items()),
-             f"var.tzr4417_port = {port}", 'server.errorlog = "/tmp/server.log"']
+    lines = [
+        *extra,
+        *(f'var.{name} = "{value}"' for name, value in settings.items()),
+        f"var.tzr4417_port = {port}",
+        'server.errorlog = "/tmp/server.log"',
+    ]
     if config != "demo.conf":  # the appliance's snippets leave these to lighttpd.conf
         lines += [f'server.document-root = "{www}"', f'server.bind = "{bind}"', f"server.port = {port}"]
     Path(path).write_text("\n".join(lines + [f'include var.tzr4417_dir + "/{config}"', *after]))
@@ -179,21 +186,22 @@ def lighttpd(config, port, extra=(), www="/tmp/www", bind="127.0.0.1", after=(),
 def wrk(url, seconds, *options):
     """Starts wrk -t1 -c4 on URL for SECONDS; the function returned waits for it and gives its requests a
     second, or None if an answer was not 2xx or 3xx or a socket failed."""
-    run = subprocess.Popen(["wrk", "-t1", "-c4", f"-d{seconds}s", *options, url], stdout=subprocess.PIPE,
-                           text=True)
+    run = subprocess.Popen(["wrk", "-t1", "-c4", f"-d{seconds}s", *options, url], stdout=subprocess.PIPE, text=True)
 
     def rate():
         out = run.communicate()[0]
         if "Non-2xx" in out or "Socket errors" in out:
             return None
         return float(re.search(r"Requests/sec:\s*([\d.]+)", out).group(1))
+
     return rate
 
 
 def sha512_crypt(password):
     """A users file's hash, as INSTALL.md makes it: lighttpd and busybox httpd both take it."""
-    return subprocess.run(["openssl", "passwd", "-6", password], capture_output=True, text=True,
-                          check=True).stdout.strip()
+    return subprocess.run(
+        ["openssl", "passwd", "-6", password], capture_output=True, text=True, check=True
+    ).stdout.strip()
 
 
 def busybox(port, password, www="/tmp/www", networks=("127.0.0.1",)):

@@ -3,15 +3,24 @@
 GNU ld map that the build writes beside it (build/ARCH/tzr4417.cgi.map).
   tools/size-by-library.py MAP [LIBRARY]   # LIBRARY: also its largest members
 """
-import collections
-import re
-import sys
+import collections, re, sys
 
 # Where an input section comes from, by a piece of its file's path.
-ORIGINS = [("libstdc++", "libstdc++"), ("libsupc++", "libstdc++"), ("libgcc", "libgcc"),
-           ("crtbegin", "libgcc"), ("crtend", "libgcc"), ("libc.a", "glibc"), ("libm.a", "glibc"),
-           ("crt1.o", "glibc"), ("crti.o", "glibc"), ("crtn.o", "glibc"), ("libcgicc", "cgicc"),
-           ("libtzr_core.a", "ours"), ("CMakeFiles/", "ours")]
+ORIGINS = [
+    ("libstdc++", "libstdc++"),
+    ("libsupc++", "libstdc++"),
+    ("libgcc", "libgcc"),
+    ("crtbegin", "libgcc"),
+    ("crtend", "libgcc"),
+    ("libc.a", "glibc"),
+    ("libm.a", "glibc"),
+    ("crt1.o", "glibc"),
+    ("crti.o", "glibc"),
+    ("crtn.o", "glibc"),
+    ("libcgicc", "cgicc"),
+    ("libtzr_core.a", "ours"),
+    ("CMakeFiles/", "ours"),
+]
 # Output sections that take no room in the file or are not loaded.
 UNLOADED = re.compile(r"\.(bss|tbss|debug|comment|ARM\.attributes|stab|gnu\.build)")
 INPUT = re.compile(r"^ (\S*)\s+0x[0-9a-f]+\s+0x([0-9a-f]+)\s+(\S.*)$")
@@ -31,8 +40,7 @@ def main(map_path, detail=None):
         if not match or output is None or UNLOADED.match(output):
             continue
         name, size, origin = match.group(1), int(match.group(2), 16), match.group(3)
-        library = "padding" if name == "*fill*" else next(
-            (lib for piece, lib in ORIGINS if piece in origin), "other")
+        library = "padding" if name == "*fill*" else next((lib for piece, lib in ORIGINS if piece in origin), "other")
         by_library[library] += size
         if library == detail:
             by_member[re.sub(r".*[(/]", "", origin).rstrip(")")] += size

@@ -5,6 +5,7 @@ What requests that meet, a daemon that goes away and the console do is the end-t
 argv: CGI SIMULATOR armhf|arm64 (the board builds its own release archive; arm64 runs the first row)."""
 import collections, concurrent.futures, contextlib, datetime, json, os, shutil, ssl, subprocess, sys, time, unittest
 from pathlib import Path
+
 import webenv
 from webenv import HEADER, IP, PROGRAM, request
 
@@ -22,8 +23,8 @@ STRANGER = {"Cookie": "tzr4417-site=1"}
 
 
 def board(*args, seconds=240):
-    return subprocess.run([BOARD, *args], capture_output=True, text=True, timeout=seconds,
-                          env={**os.environ, "TZR_BOARD_DIR": STATE})
+    environment = {**os.environ, "TZR_BOARD_DIR": STATE}
+    return subprocess.run([BOARD, *args], capture_output=True, text=True, timeout=seconds, env=environment)
 
 
 def on_board(command, seconds=60):
@@ -51,21 +52,23 @@ def logged():
     """The board's clock, and the program's syslog lines: (seconds since 1970 by their stamp and its year, message)."""
     clock, *lines = on_board("date +'%s %Y'; grep ' tzr4417.cgi' /var/log/messages || true").splitlines()
     now, year = clock.split()
-    stamp = lambda line: datetime.datetime.strptime(f"{year} {line[:15]}", "%Y %b %d %H:%M:%S").replace(
-        tzinfo=datetime.timezone.utc).timestamp()
+
+    def stamp(line):
+        return datetime.datetime.strptime(f"{year} {line[:15]} +0000", "%Y %b %d %H:%M:%S %z").timestamp()
+
     return int(now), [(stamp(line), line.split(": ", 1)[1]) for line in lines]
 
 
 def public_key(pem):
-    return subprocess.run(["openssl", "x509", "-noout", "-pubkey"], input=pem, capture_output=True, text=True,
-                          check=True).stdout
+    command = ["openssl", "x509", "-noout", "-pubkey"]
+    return subprocess.run(command, input=pem, capture_output=True, text=True, check=True).stdout
 
 
 class BoardTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        if shutil.which("qemu-system-arm") is None and subprocess.run(
-                [webenv.sandbox.SRC / "tools/install-deps.sh", "qemu-system-arm"]).returncode:
+        install = [webenv.sandbox.SRC / "tools/install-deps.sh", "qemu-system-arm"]
+        if shutil.which("qemu-system-arm") is None and subprocess.run(install).returncode:
             raise unittest.SkipTest("qemu-system-arm cannot be installed here: no board")
         built = board("build", ARCH, seconds=900)  # what needs the mirror, before the network is the test's own
         if built.returncode:
@@ -92,15 +95,14 @@ class BoardTest(unittest.TestCase):
                 pass
 
     def ask(self, target, headers=HEADER, timeout=10, password=None):
-        return request(self.port, target, headers, user=("admin", password or self.password),
-                       cafile=f"{STATE}/cert.pem", timeout=timeout)
+        user = ("admin", password or self.password)
+        return request(self.port, target, headers, user=user, cafile=f"{STATE}/cert.pem", timeout=timeout)
 
     def logins(self, tries, password, headers=HEADER):
         """How many of TRIES reads at once with PASSWORD got each status; the board sees every one come from the
         same address, and its connection limit lets 32 in at a time."""
         with concurrent.futures.ThreadPoolExecutor(25) as pool:
-            return collections.Counter(pool.map(lambda _: self.ask(READ, headers, password=password)[0],
-                                                range(tries)))
+            return collections.Counter(pool.map(lambda _: self.ask(READ, headers, password=password)[0], range(tries)))
 
     def slow_daemon(self, *options):
         """The daemon ended; init starts the next one with OPTIONS, and board.sh waits until the program reaches
@@ -127,9 +129,9 @@ class BoardTest(unittest.TestCase):
         until_on_board(f"grep ' tzr4417.cgi' /var/log/messages | tail -n +{len(earlier) + 1} | grep -q '{SAVED}'")
         self.assertGreaterEqual(time.monotonic() - begun, delay)  # the slowed daemon's apply
         after, lines = logged()
-        lines = lines[len(earlier):]
-        self.assertEqual([message for _, message in lines], [f"Setting parameter {IP} to {address}",
-                                                             f"Setting parameter {BROADCAST} to {broadcast}", SAVED])
+        lines = lines[len(earlier) :]
+        wanted = [f"Setting parameter {IP} to {address}", f"Setting parameter {BROADCAST} to {broadcast}", SAVED]
+        self.assertEqual([message for _, message in lines], wanted)
         self.assertTrue(all(before <= when <= after for when, _ in lines), (before, lines, after))
         tree = saved()
         self.assertEqual([tree[IP], tree[BROADCAST]], [address, broadcast])
@@ -163,7 +165,7 @@ class BoardTest(unittest.TestCase):
         self.assertEqual(time.gmtime(times[0]).tm_year, 2040)
         # The login guard counts on a 2040 clock: the address logged in, so 10 failures of its own, then 429.
         self.assertEqual(self.logins(11, "wrong"), {401: 10, 429: 1})
-        until_on_board("grep -q \"web: 2040-06-01 .*password doesn't match\" /var/log/messages")
+        until_on_board('grep -q "web: 2040-06-01 .*password doesn\'t match" /var/log/messages')
         # A login stamped just before the power cut, the clock set back to 2038 first.
         on_board(f"date -u -s @{LAST_32_BIT - 60} >/dev/null")  # lighttpd reads the clock once a second
         self.assertEqual(webenv.poll(lambda: self.ask(READ)[0], (200).__eq__), 200)

@@ -16,8 +16,10 @@ SCHEME = sys.argv[3]
 FOREIGN_TLS = f'ssl.engine = "enable" ssl.pemfile = "{webenv.CERT}" ssl.privkey = "{webenv.TLS}/key.pem"'
 PORT, TLS = {"http": (8081, ""), "https": (8443, FOREIGN_TLS)}[SCHEME]
 ORIGINS = {"port": f"{SCHEME}://{HOME}:{PORT}", "address": f"{SCHEME}://{ELSEWHERE}:{PORT}"}
-FORM = ('<form %s action="$url"><input name=write value="$name"><input name=value value="$tag"></form>'
-        '<script>document.forms[0].submit()</script>')
+FORM = (
+    '<form %s action="$url"><input name=write value="$name"><input name=value value="$tag"></form>'
+    "<script>document.forms[0].submit()</script>"
+)
 LINK = '<a %s href="$url">go</a><script>document.links[0].click()</script>'
 FETCH = '<script>fetch("$url", {%s})</script>'
 # Each page tries to write $tag into $name at $url, the program's address.
@@ -43,7 +45,8 @@ VECTORS = {
 }
 # A foreign name pointed at the appliance (DNS rebinding) is same-origin: it may send any header and a password.
 REBIND = '<script>fetch("$path", {headers: {"X-Tzr4417-Console": "1", Authorization: "Basic %s"}})</script>' % (
-    base64.b64encode(":".join(USER).encode()).decode())
+    base64.b64encode(":".join(USER).encode()).decode()
+)
 # A foreign page sends one window of its own to the program again and again with a wrong password in the address
 # (the browser then offers it for the host): the program's bare address, and a plain read; then it opens the console
 # in 12 windows with a wrong password in theirs.
@@ -65,14 +68,24 @@ class BrowserTest(unittest.TestCase):
     def setUpClass(cls):
         webenv.isolate(HOME, ELSEWHERE)
         webenv.certificate("encoder", HOME)
-        webenv.lighttpd({"http": "tzr4417.conf", "https": "tzr4417-https.conf"}[SCHEME], 80, [
-            'server.modules += ("mod_accesslog")', 'accesslog.filename = "|exec cat >/tmp/access.log"',
-            'mimetype.assign = (".html" => "text/html")',
-            f'$SERVER["socket"] == ":{PORT}" {{ server.document-root = "/tmp/www/attack" {TLS} }}'],
-            bind="0.0.0.0", tzr4417_hosts="encoder", tzr4417_users=webenv.users(), tzr4417_tls=webenv.TLS)
+        webenv.lighttpd(
+            {"http": "tzr4417.conf", "https": "tzr4417-https.conf"}[SCHEME],
+            80,
+            [
+                'server.modules += ("mod_accesslog")',
+                'accesslog.filename = "|exec cat >/tmp/access.log"',
+                'mimetype.assign = (".html" => "text/html")',
+                f'$SERVER["socket"] == ":{PORT}" {{ server.document-root = "/tmp/www/attack" {TLS} }}',
+            ],
+            bind="0.0.0.0",
+            tzr4417_hosts="encoder",
+            tzr4417_users=webenv.users(),
+            tzr4417_tls=webenv.TLS,
+        )
         Path("/tmp/www/attack").mkdir()
-        cls.driver = webenv.chromium(webenv.CERT, FLAGS, {"profile.cookie_controls_mode": 0,
-                                                          "profile.block_third_party_cookies": False})
+        cls.driver = webenv.chromium(
+            webenv.CERT, FLAGS, {"profile.cookie_controls_mode": 0, "profile.block_third_party_cookies": False}
+        )
 
     @classmethod
     def tearDownClass(cls):
@@ -82,7 +95,6 @@ class BrowserTest(unittest.TestCase):
         self.sim = webenv.simulator()  # a daemon with the default tree for each test
         self.addCleanup(self.sim.proc.terminate)
         self.login(HOME)
-
 
     def login(self, host):
         """Answers the password prompt once: the browser keeps it for the host. Over plain HTTP the program's
@@ -115,21 +127,25 @@ class BrowserTest(unittest.TestCase):
         saved = webenv.poll(lambda: Path("/tmp/appliance.conf").read_text(), lambda text: MOVED in text)
         self.assertIn(f"ip_addr {MOVED}", saved)
         self.driver.find_element(By.ID, "moved-link").click()
-        self.assertEqual((self.settle(), self.driver.current_url),
-                         ("Read 4 parameters.", f"{SCHEME}://{MOVED}/console/"))
+        self.assertEqual(
+            (self.settle(), self.driver.current_url), ("Read 4 parameters.", f"{SCHEME}://{MOVED}/console/")
+        )
         self.assertIn("1 parameter changed", self.write(NET + "hostname", "moved"))
 
     def test_console_says_what_happened(self):
         self.login("encoder")
         # A password in the console's address is never sent: the page comes back without it.
         self.driver.get(f"{SCHEME}://:wrong@encoder/console/")  # a password alone too
-        self.assertEqual((self.settle(), self.driver.current_url), ("Read 4 parameters.", f"{SCHEME}://encoder/console/"))
+        self.assertEqual(
+            (self.settle(), self.driver.current_url), ("Read 4 parameters.", f"{SCHEME}://encoder/console/")
+        )
         for name, value, message, changes in [
-                ("hostname", "studio", "1 parameter changed.", True),
-                ("hostname", "studio", "It held that value already; nothing else changed.", False),
-                ("host name", "x", "the write was refused, though the daemon answers reads", False),
-                ("hostname", "enc\x01oder", "raw control byte 0x01", True),
-                ("hostname", "x" * 17000, "413: the request is larger than the web server accepts.", False)]:
+            ("hostname", "studio", "1 parameter changed.", True),
+            ("hostname", "studio", "It held that value already; nothing else changed.", False),
+            ("host name", "x", "the write was refused, though the daemon answers reads", False),
+            ("hostname", "enc\x01oder", "raw control byte 0x01", True),
+            ("hostname", "x" * 17000, "413: the request is larger than the web server accepts.", False),
+        ]:
             with self.subTest(value[:10]):
                 self.assertIn(message, self.write(NET + name, value))
                 self.assertEqual(self.driver.find_element(By.ID, "changes-box").is_displayed(), changes)
@@ -140,8 +156,9 @@ class BrowserTest(unittest.TestCase):
         self.assertIn("no text: the configuration daemon did not answer", self.settle())
 
     def test_a_foreign_page_spends_none_of_the_owners_checks(self):
-        Path("/tmp/www/attack/popup.html").write_text(Template(POPUP).substitute(scheme=SCHEME, host=HOME,
-                                                                                  path=PROGRAM))
+        Path("/tmp/www/attack/popup.html").write_text(
+            Template(POPUP).substitute(scheme=SCHEME, host=HOME, path=PROGRAM)
+        )
         self.driver.get(ORIGINS["address"] + "/popup.html")
         log = lambda: Path("/tmp/access.log").read_text()  # noqa: E731
         self.assertIn("probe-99", webenv.poll(log, lambda text: "probe-99" in text, 30))
@@ -152,15 +169,22 @@ class BrowserTest(unittest.TestCase):
         self.assertEqual(self.settle(), "Read 4 parameters.")
 
     def test_foreign_pages_cannot_write(self):
-        pages = [(f"{origin}: {name}", f"{url}/{number}-{origin}.html", page) for origin, url in ORIGINS.items()
-                 for number, (name, page) in enumerate(VECTORS.items())]
+        pages = [
+            (f"{origin}: {name}", f"{url}/{number}-{origin}.html", page)
+            for origin, url in ORIGINS.items()
+            for number, (name, page) in enumerate(VECTORS.items())
+        ]
         pages.append(("rebinding", f"{SCHEME}://rebind.example/attack/rebind.html", REBIND))
         main, seen, framed = self.driver.current_window_handle, {}, []
-        log = lambda tag: re.findall(rf'"(\w+) [^ "]*value={tag}\b[^"]*" (\d+)', Path("/tmp/access.log").read_text())
+
+        def log(tag):
+            return re.findall(rf'"(\w+) [^ "]*value={tag}\b[^"]*" (\d+)', Path("/tmp/access.log").read_text())
+
         for number, (name, url, page) in enumerate(pages):
             tag, target = f"foreign-{number}", f"{PROGRAM}?write={NET}hostname&value=foreign-{number}"
-            Path("/tmp/www/attack", Path(url).name).write_text(Template(page).substitute(
-                url=f"{SCHEME}://{HOME}{target}", path=target, name=NET + "hostname", tag=tag))
+            Path("/tmp/www/attack", Path(url).name).write_text(
+                Template(page).substitute(url=f"{SCHEME}://{HOME}{target}", path=target, name=NET + "hostname", tag=tag)
+            )
             self.driver.get(url)
             seen[name] = webenv.poll(lambda: log(tag), bool)  # its request, with lighttpd's answer
             for handle in set(self.driver.window_handles) - {main}:

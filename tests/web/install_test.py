@@ -3,6 +3,7 @@ guide's shell blocks run into a scratch root; the board's boot command for the c
 server started in it as the guide says, and asked the guide's curl examples. argv: CGI (in its build tree) SIMULATOR"""
 import subprocess, sys, unittest
 from pathlib import Path
+
 import install_guide, webenv
 from webenv import USER, request
 
@@ -16,8 +17,8 @@ class InstallTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         webenv.isolate("192.0.2.10")  # port 80 of a network of its own
-        subprocess.run(["cpack", "-G", "TGZ", "-B", "/tmp/package"], cwd=Path(sys.argv[1]).resolve().parent, check=True,
-                       capture_output=True)
+        build = Path(sys.argv[1]).resolve().parent
+        subprocess.run(["cpack", "-G", "TGZ", "-B", "/tmp/package"], cwd=build, check=True, capture_output=True)
         guide = install_guide.unpack(next(Path("/tmp/package").glob("tzr4417-*.tar.gz")), "/tmp/package")
         guide.install(ROOTFS=ROOTFS, PASSWORD=USER[1], NETWORK="127.0.0.1")
         cls.board, cls.examples = guide.on_board(BOARD), guide.examples
@@ -33,18 +34,18 @@ class InstallTest(unittest.TestCase):
         self.assertEqual(len(self.examples), 2)
         certificate = self.board["certificate"]
         subprocess.run(["chroot", ROOTFS, "/bin/sh", "-c", self.board["firewall"]], check=True)  # in the test's network
-        self.assertIn("ct count over 32", subprocess.run(["nft", "list", "table", "inet", "tzr4417"],
-                                                         capture_output=True, text=True).stdout)
+        table = subprocess.run(["nft", "list", "table", "inet", "tzr4417"], capture_output=True, text=True).stdout
+        self.assertIn("ct count over 32", table)
         made = []
         for _ in range(2):  # each boot runs it; the first one's certificate stays
             subprocess.run(["chroot", ROOTFS, "/bin/sh", "-c", certificate], check=True, capture_output=True)
             made.append((TLS / "cert.pem").read_bytes())
         self.assertEqual((made[1], (TLS / "key.pem").stat().st_mode & 0o777), (made[0], 0o600))
         # One due within 30 days is made again, for 10 years.
-        subprocess.run(["openssl", "req", "-x509", "-key", TLS / "key.pem", "-subj", "/CN=encoder", "-days", "29",
-                        "-out", TLS / "cert.pem"], check=True, capture_output=True)
-        subprocess.run(["chroot", ROOTFS, "/bin/sh", "-c", f"{certificate} && openssl x509 -noout -checkend 300000000"
-                        " -in /etc/lighttpd/tzr4417/tls/cert.pem"], check=True, capture_output=True)
+        due = ["openssl", "req", "-x509", "-key", TLS / "key.pem", "-subj", "/CN=encoder", "-days", "29"]
+        subprocess.run([*due, "-out", TLS / "cert.pem"], check=True, capture_output=True)
+        renewed = f"{certificate} && openssl x509 -noout -checkend 300000000 -in /etc/lighttpd/tzr4417/tls/cert.pem"
+        subprocess.run(["chroot", ROOTFS, "/bin/sh", "-c", renewed], check=True, capture_output=True)
         # lighttpd over HTTPS (its redirect on port 80 is the server tier's), busybox httpd over plain HTTP.
         for name, port, cafile in ("lighttpd", 443, TLS / "cert.pem"), ("busybox", 80, None):
             with self.subTest(name):
@@ -54,11 +55,11 @@ class InstallTest(unittest.TestCase):
                         example = example.replace("BOARD", BOARD).replace("-u admin", "-u " + ":".join(USER))
                         example = example.replace("encoder.pem", str(cafile))
                         example = example if cafile else example.replace("https:", "http:")
-                        self.assertEqual(subprocess.run(example, shell=True, capture_output=True, text=True).stdout,
-                                         answer + "\n")
+                        shown = subprocess.run(example, shell=True, capture_output=True, text=True).stdout
+                        self.assertEqual(shown, answer + "\n")
                     status, headers, page = request(port, "/console/", user=None, cafile=cafile)
-                    self.assertEqual((status, headers["Content-Type"][:9], b"console.js" in page),
-                                     (200, "text/html", True))
+                    shown = (status, headers["Content-Type"][:9], b"console.js" in page)
+                    self.assertEqual(shown, (200, "text/html", True))
                 finally:
                     server.terminate()
                     server.wait()

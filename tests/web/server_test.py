@@ -3,6 +3,7 @@ argv: CGI SIMULATOR lighttpd|https|busybox (https: lighttpd's HTTPS snippet, on 
 import base64, collections, concurrent.futures, contextlib, functools, json, os, re, resource, signal, socket
 import subprocess, sys, threading, time, unittest
 from pathlib import Path
+
 import webenv
 from webenv import HEADER, IP, PROGRAM, USER, request
 
@@ -14,17 +15,29 @@ FRAMES = "frame-ancestors 'none'"
 EVERYWHERE = {"X-Content-Type-Options": "nosniff", "Referrer-Policy": "no-referrer"}
 READ = f"{PROGRAM}?read={IP}"
 WRITE = f"{PROGRAM}?write=/configuration/network/hostname&value=encoder"
-SITE = lambda site: {**HEADER, "Sec-Fetch-Site": site}  # noqa: E731
-HOST_IS = lambda host: {**HEADER, "Host": host}  # noqa: E731
-ORIGIN = lambda origin: {**HEADER, "Origin": origin}  # noqa: E731
+
+
+def marked(name, value):
+    return {**HEADER, name: value}
+
+
+SITE, HOST_IS, ORIGIN = (functools.partial(marked, name) for name in ("Sec-Fetch-Site", "Host", "Origin"))
 COOKIE = {"Cookie": "other=2; tzr4417-site=1"}  # the one lighttpd sets, which browsers keep from other sites
 WRONG = ("admin", "wrong")
 BIG = f"read={IP}&x={'x' * 16384}"
 TIME_OUT = 30  # cgi.limits in web/servers/lighttpd/tzr4417-rules.conf
-# busybox httpd has no header rules and no size limit: its column shows what
-# gets through. The program's own guard ends the oversized request there, and
-# the connection closes with no bytes (None). A target may start with its method.
+WINDOW = 15  # seconds, for the login bounds in lighttpd: the hour, shortened; a step takes a second or two
+OWNER, HOST, NEW = "192.0.2.11", "192.0.2.12", "192.0.2.13"
+V6_OWNER, V6_NEIGHBOUR = "fd00:1::11", "fd00:1::12"  # one /64, which one host can fill
+HOSTS = [f"192.0.2.{100 + i}" for i in range(20)]
+ADDRESSES = [OWNER, HOST, NEW, V6_OWNER, V6_NEIGHBOUR, *HOSTS]
+# What lighttpd answers before any password check; a guesser sends one after each try, with credentials.
+BIG_HEADER = {"X-Padding": "x" * 9000}
+EARLY = [("POST", BIG, {}, 413), ("GET", "", BIG_HEADER, 431), ("GET", "", {"Transfer-Encoding": "gzip"}, 501)]
 OWN = ("https" if CAFILE else "http") + "://127.0.0.1"  # the Origin of the console's own page
+# fmt: off
+# busybox httpd has no header rules and no size limit: its column shows what gets through. The program's own guard
+# ends the oversized request there, and the connection closes with no bytes (None). A target may start with its method.
 # What a foreign page may send is refused before any password is checked: with a wrong one, 403, not 401.
 CASES = [
     # name,                   target,               headers,                   body,         user,    lighttpd, busybox
@@ -62,14 +75,6 @@ CASES = [
     ("console page",          "/console/",          {},                        None,         None,    200, 200),
 ]
 
-WINDOW = 15  # seconds, for the login bounds in lighttpd: the hour, shortened; a step takes a second or two
-OWNER, HOST, NEW = "192.0.2.11", "192.0.2.12", "192.0.2.13"
-V6_OWNER, V6_NEIGHBOUR = "fd00:1::11", "fd00:1::12"  # one /64, which one host can fill
-HOSTS = [f"192.0.2.{100 + i}" for i in range(20)]
-ADDRESSES = [OWNER, HOST, NEW, V6_OWNER, V6_NEIGHBOUR, *HOSTS]
-# What lighttpd answers before any password check; a guesser sends one after each try, with credentials.
-BIG_HEADER = {"X-Padding": "x" * 9000}
-EARLY = [("POST", BIG, {}, 413), ("GET", "", BIG_HEADER, 431), ("GET", "", {"Transfer-Encoding": "gzip"}, 501)]
 # Guessing at the password, each step's tries at once (200 connections), from addresses of the test's own
 # network: how many tries got each status. A user None guesses at a name of its own per try; a password that is
 # a dict of headers sends those in place of the console's, and a wrong password. Strings are events between steps.
@@ -96,13 +101,16 @@ GUESSES = [
     "the window passes",
     ("after the window, a new host",                  [NEW],           1,     "admin", "n3w",    {200: 1}),
 ]
+# fmt: on
 
 
 def programs():
     """Our descendants that run the program."""
+
     def runs_program(pid):
         with contextlib.suppress(OSError):
             return b"tzr4417.cgi" in Path(f"/proc/{pid}/cmdline").read_bytes()
+
     return {pid for pid in webenv.sandbox.descendants(os.getpid()) if runs_program(pid)}
 
 
@@ -131,9 +139,9 @@ class ServerTest(unittest.TestCase):
         if getattr(cls, "server", None):
             cls.server.terminate()
             cls.server.wait()
-        cls.server = webenv.lighttpd("tzr4417-https.conf" if CAFILE else "tzr4417.conf", 80, after=[
-            "" if CAFILE else '$SERVER["socket"] == "[::]:80" {}'], tzr4417_hosts="encoder",
-            tzr4417_users=webenv.users(), tzr4417_tls=webenv.TLS)  # the HTTPS snippet listens on IPv6 itself
+        after = ["" if CAFILE else '$SERVER["socket"] == "[::]:80" {}']  # the HTTPS snippet listens on IPv6 itself
+        settings = {"tzr4417_hosts": "encoder", "tzr4417_users": webenv.users(), "tzr4417_tls": webenv.TLS}
+        cls.server = webenv.lighttpd("tzr4417-https.conf" if CAFILE else "tzr4417.conf", 80, after=after, **settings)
 
     def test_requests(self):
         for name, target, headers, body, user, *expected in CASES:
@@ -151,9 +159,9 @@ class ServerTest(unittest.TestCase):
                     self.assertEqual({name: got[name] for name in EVERYWHERE}, EVERYWHERE)
                     self.assertEqual(got["Strict-Transport-Security"], CAFILE and "max-age=31536000")
                 if status == 200 and SERVER != "busybox":  # neither the console nor a reply may be framed
-                    policy = ("default-src 'none'; script-src 'self'" if target == "/console/" else "default-src")
-                    self.assertEqual((got["X-Frame-Options"], got["Content-Security-Policy"][:len(policy)]),
-                                     ("DENY", policy))
+                    policy = "default-src 'none'; script-src 'self'" if target == "/console/" else "default-src"
+                    shown = (got["X-Frame-Options"], got["Content-Security-Policy"][: len(policy)])
+                    self.assertEqual(shown, ("DENY", policy))
                     self.assertTrue(got["Content-Security-Policy"].endswith(FRAMES))
                     self.assertEqual(got["Cache-Control"], None if target == "/console/" else "no-store")
                 if target == "/console/":
@@ -163,21 +171,20 @@ class ServerTest(unittest.TestCase):
 
     @unittest.skipIf(SERVER == "busybox", "busybox httpd bounds nothing: docs/security.md")
     def test_guessing_is_bounded_and_the_owner_keeps_access(self):
-        def one(source, user, password, scheme="Basic"):  # mod_auth takes any case
+        def one(source, user, password, i=0):  # mod_auth takes the scheme in any case: odd tries shout it
             secret = password if isinstance(password, str) else "wrong"
-            basic = f"{scheme} " + base64.b64encode(f"{user}:{secret}".encode()).decode()
-            marks = password if isinstance(password, dict) else HEADER
+            basic = ("Basic ", "BASIC ")[i % 2] + base64.b64encode(f"{user}:{secret}".encode()).decode()
+            marks = {**(password if isinstance(password, dict) else HEADER), "Authorization": basic}
             # Under qemu-user 400 runs of the program at once take their time.
-            status, got, _ = ask(self.port, READ, {**marks, "Authorization": basic}, None, None, source=source,
-                                 timeout=60)
+            status, got, _ = ask(self.port, READ, marks, None, None, source=source, timeout=60)
             self.assertTrue(status != 429 or 0 < int(got["Retry-After"]) <= WINDOW, got)
             for method, body, headers, early in password if isinstance(password, list) else ():
-                self.assertEqual(ask(self.port, READ, {**HEADER, **headers, "Authorization": basic}, body.encode(), None,
-                                     method, source=source)[0], early)
+                sent = {**HEADER, **headers, "Authorization": basic}
+                self.assertEqual(ask(self.port, READ, sent, body.encode(), None, method, source=source)[0], early)
             return status
 
-        events = {"restart": self.restart, "a new password": lambda: webenv.users("n3w"),
-                  "the window passes": lambda: webenv.poll(lambda: one(NEW, "admin", "n3w"), (429).__ne__, WINDOW + 5)}
+        passes = functools.partial(webenv.poll, lambda: one(NEW, "admin", "n3w"), (429).__ne__, WINDOW + 5)
+        events = {"restart": self.restart, "a new password": lambda: webenv.users("n3w"), "the window passes": passes}
         with concurrent.futures.ThreadPoolExecutor(200) as pool:
             for step in GUESSES:
                 if isinstance(step, str):
@@ -186,8 +193,7 @@ class ServerTest(unittest.TestCase):
                 name, sources, tries, user, password, expected = step
                 with self.subTest(name):
                     before = self.sim.connections()
-                    tried = [(at, user or f"guess{i}", password, ("Basic", "BASIC")[i % 2])
-                             for at in sources for i in range(tries)]
+                    tried = [(at, user or f"guess{i}", password, i) for at in sources for i in range(tries)]
                     checks = self.checks()
                     got = collections.Counter(pool.map(lambda args: one(*args), tried))
                     self.assertEqual(got, expected)
@@ -197,13 +203,16 @@ class ServerTest(unittest.TestCase):
 
     @unittest.skipIf(SERVER == "busybox", "busybox httpd keeps nothing")
     def test_an_outsider_cannot_fill_the_servers_memory(self):
+        def rss():
+            return int(re.search(r"VmRSS:\s*(\d+)", Path(f"/proc/{self.server.pid}/status").read_text())[1])
+
         # New names from one address: kilobyte-long ones without a colon (malformed), and short ones with a
         # wrong password (counted, then refused), 100,000 requests.
-        rss = lambda: int(re.search(r"VmRSS:\s*(\d+)", Path(f"/proc/{self.server.pid}/status").read_text())[1])
         before = rss()
         url = f"{'https' if CAFILE else 'http'}://127.0.0.1:{self.port}{READ}"
-        wrk = subprocess.Popen(["wrk", "-t1", "-c20", "-d300s", "-s", Path(__file__).with_name("new_names.lua"), url,
-                                "--", "/tmp/wrk.done"], stdout=subprocess.PIPE, text=True)
+        script = Path(__file__).with_name("new_names.lua")
+        command = ["wrk", "-t1", "-c20", "-d300s", "-s", script, url, "--", "/tmp/wrk.done"]
+        wrk = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
         webenv.poll(Path("/tmp/wrk.done").exists, bool, 240)
         wrk.send_signal(signal.SIGINT)
         self.assertRegex(wrk.communicate()[0], r"\b1000\d\d requests in")
@@ -226,14 +235,18 @@ class ServerTest(unittest.TestCase):
         rules = (webenv.sandbox.SRC / "web/firewall/tzr4417.nft").read_text().replace("size 65535", "size 2")
         subprocess.run(["nft", "flush ruleset"], check=True)
         subprocess.run(["nft", "-f", "-"], input=rules, text=True, check=True)
+
         def status(source):
             with contextlib.suppress(ConnectionRefusedError):
                 return ask(self.port, READ, HEADER, source=source)[0]
+
         self.assertEqual(list(map(status, (NEW, OWNER, HOSTS[0]))), [200, 200, None])
 
     def test_write_replies_before_the_child_is_done(self):
+        def count(word):
+            return self.sim.transcript().count(word + "\\r")
+
         # The writes busybox let in above have saved first.
-        count = lambda word: self.sim.transcript().count(word + "\\r")  # noqa: E731
         saves = webenv.poll(lambda: count("save"), lambda n: n == count("apply"))
         status, _, reply = ask(self.port, f"{PROGRAM}?write={IP}&value=10.0.0.5", HEADER)
         self.assertEqual((status, json.loads(reply)), (200, {"write": IP, "value": "10.0.0.5", "reply": ""}))
@@ -245,8 +258,7 @@ class ServerTest(unittest.TestCase):
     def test_a_list_of_hosts_stops_lighttpd(self):
         conf = Path("/tmp/lighttpd.conf").read_text().replace('"encoder"', '"encoder encoder.local"')
         Path("/tmp/listed.conf").write_text(conf)
-        checked = subprocess.run(["lighttpd", "-tt", "-f", "/tmp/listed.conf"], capture_output=True, text=True,
-                                 cwd="/")
+        checked = subprocess.run(["lighttpd", "-tt", "-f", "/tmp/listed.conf"], capture_output=True, text=True, cwd="/")
         self.assertIn("must be one regular expression of host names", checked.stderr)
 
     @unittest.skipUnless(SERVER == "lighttpd", "the shipped CGI time-out; the HTTPS snippet has the same rules")
@@ -273,15 +285,16 @@ class ServerTest(unittest.TestCase):
     @unittest.skipUnless(CAFILE, "the HTTPS snippet")
     def test_tls_1_2_and_1_3_with_forward_secrecy_and_aead_alone(self):
         old = ["-cipher", "DEFAULT:@SECLEVEL=0"]
-        for options, accepted in [(["-tls1", *old], False), (["-tls1_1", *old], False), (["-tls1_2"], True),
-                                  (["-tls1_3"], True), (["-tls1_2", "-cipher", "AES128-GCM-SHA256"], False),
-                                  (["-tls1_2", "-cipher", "ECDHE-ECDSA-AES128-CCM:ECDHE-ECDSA-AES256-CCM8"], False),
-                                  (["-tls1_3", "-ciphersuites", "TLS_AES_128_CCM_SHA256:TLS_AES_128_CCM_8_SHA256"],
-                                   False)]:
+        accepted = [["-tls1_2"], ["-tls1_3"]]
+        refused = [["-tls1", *old], ["-tls1_1", *old], ["-tls1_2", "-cipher", "AES128-GCM-SHA256"]]
+        refused += [["-tls1_2", "-cipher", "ECDHE-ECDSA-AES128-CCM:ECDHE-ECDSA-AES256-CCM8"]]
+        refused += [["-tls1_3", "-ciphersuites", "TLS_AES_128_CCM_SHA256:TLS_AES_128_CCM_8_SHA256"]]
+        for options in accepted + refused:
             for address in ("127.0.0.1:443", "[::1]:443"):
-                hello = subprocess.run(["openssl", "s_client", "-connect", address, *options],
-                                       stdin=subprocess.DEVNULL, capture_output=True)
-                self.assertEqual(hello.returncode == 0, accepted, (address, options))
+                client = ["openssl", "s_client", "-connect", address, *options]
+                hello = subprocess.run(client, stdin=subprocess.DEVNULL, capture_output=True)
+                self.assertEqual(hello.returncode == 0, options in accepted, (address, options))
+
 
 if __name__ == "__main__":
     unittest.main(argv=sys.argv[:1])

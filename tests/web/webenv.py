@@ -1,6 +1,5 @@
-"""The web tests' world: tools/sandbox.py with the program installed, a file
-beside it that must not be served, a network of its own if asked; raw HTTP;
-the console page in headless Chromium."""
+"""The web tests' world: tools/sandbox.py with the program installed, a file beside it that must not be served, a
+network of its own if asked; raw HTTP; the console page in headless Chromium."""
 import base64, http.client, os, ssl, subprocess, sys, tempfile
 from pathlib import Path
 
@@ -37,8 +36,8 @@ def simulator(*options):
 
 
 def certificate(*names):
-    subprocess.run([sandbox.SRC / "web/servers/lighttpd/tzr4417-certificate.sh", TLS, *names], check=True,
-                   capture_output=True)
+    script = sandbox.SRC / "web/servers/lighttpd/tzr4417-certificate.sh"
+    subprocess.run([script, TLS, *names], check=True, capture_output=True)
 
 
 def users(password=USER[1]):
@@ -55,9 +54,9 @@ def request(port, target, headers=None, body=None, user=USER, method=None, cafil
     context = cafile and ssl.create_default_context(cafile=cafile)
     if context:  # whatever its dates: a board's clock can be years from this machine's, and the board checks them
         context.verify_flags |= 0x200000  # OpenSSL's X509_V_FLAG_NO_CHECK_TIME
+        where["context"] = context
     host = "::1" if source and ":" in source else "127.0.0.1"
-    connection = (http.client.HTTPSConnection(host, port, context=context, **where) if cafile else
-                  http.client.HTTPConnection(host, port, **where))
+    connection = (http.client.HTTPSConnection if cafile else http.client.HTTPConnection)(host, port, **where)
     try:
         connection.request(method or ("POST" if body else "GET"), target, body, {**auth, **form, **(headers or {})})
         response = connection.getresponse()
@@ -72,15 +71,16 @@ def chromium(cafile, flags=(), prefs=None):
     """Headless Chromium that trusts the device certificate CAFILE alone, by its key (no certificate store)."""
     from selenium import webdriver  # the browser tests' alone
     from selenium.webdriver.chrome.service import Service
-    spki = subprocess.run(f"openssl x509 -in {cafile} -pubkey -noout | openssl pkey -pubin -outform der"
-                          " | openssl sha256 -binary", shell=True, capture_output=True, check=True).stdout
+
+    key = f"openssl x509 -in {cafile} -pubkey -noout | openssl pkey -pubin -outform der | openssl sha256 -binary"
+    spki = base64.b64encode(subprocess.run(key, shell=True, capture_output=True, check=True).stdout).decode()
     options = webdriver.ChromeOptions()
     options.binary_location = "/usr/bin/chromium"
-    for flag in ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--disable-sync",
-                 "--disable-background-networking", "--disable-component-update", "--no-first-run", *flags,
-                 "--user-data-dir=" + tempfile.mkdtemp(),
-                 "--ignore-certificate-errors-spki-list=" + base64.b64encode(spki).decode()]:
+    quiet = "--disable-sync --disable-background-networking --disable-component-update --no-first-run".split()
+    for flag in ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", *quiet, *flags]:
         options.add_argument(flag)
+    options.add_argument("--user-data-dir=" + tempfile.mkdtemp())
+    options.add_argument("--ignore-certificate-errors-spki-list=" + spki)
     options.add_experimental_option("prefs", prefs or {})
     return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
 
@@ -93,7 +93,7 @@ def settle(driver):
 
 def write(driver, name, value):
     """A write from the console's form; its message."""
-    driver.execute_script("document.getElementById('write-name').value = arguments[0];"
-                          "document.getElementById('write-value').value = arguments[1];"
-                          "document.querySelector('#write-form button').click()", name, value)
+    script = "document.getElementById('write-name').value = arguments[0];"
+    script += "document.getElementById('write-value').value = arguments[1];"
+    driver.execute_script(script + "document.querySelector('#write-form button').click()", name, value)
     return settle(driver)
