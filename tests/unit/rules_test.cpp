@@ -198,15 +198,14 @@ TEST(TriggeredRule, AtMostOneRuleByTheWrittenName) {
 
 // The shipped default configuration holds the pinned values.
 TEST(FixedSettingsRule, PinsExactlyTenParametersToTheirDefaultValues) {
-  const ParameterMap defaults = defaultTree();
-  ParameterMap drifted = defaults;
+  ParameterMap drifted = defaultTree();
   for (auto& entry : drifted) entry.second += "x";
   SimDaemon daemon(drifted);
   ConfigClient client(daemon.setup());
   ChangeSet changes;
   applyFixedSettings(client, changes);
   EXPECT_EQ(10u, changes.size());
-  for (const auto& [path, value] : changes) EXPECT_EQ(defaults.at(path), value) << path;
+  for (const auto& [path, value] : changes) EXPECT_EQ(defaultTree().at(path), value) << path;
 }
 
 }  // namespace
