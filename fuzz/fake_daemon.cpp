@@ -24,7 +24,7 @@ size_t maxChunk = 1;
 bool resetWhenDry = false;  // with all sent: ECONNRESET, not more prompts
 std::minstd_rand chunks;    // draws the chunk sizes, 1..maxChunk
 char folder[] = "/tmp/tzr-fuzz-XXXXXX";
-std::string socketPath, lockPath, queuePath;  // in `folder`
+std::string lockPath, queuePath;  // in `folder`
 DaemonSetup setup;
 
 }  // namespace
@@ -34,10 +34,9 @@ const DaemonSetup& fakeDaemon() { return setup; }
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   if (mkdtemp(folder) == nullptr || freopen("/dev/null", "w", stdout) == nullptr) abort();
   atexit([] { std::filesystem::remove_all(folder); });
-  socketPath = std::string(folder) + "/cffs_uds";
-  lockPath = socketPath + ".lock";
-  queuePath = socketPath + ".queue";
-  setup = {socketPath.c_str(), lockPath.c_str(), queuePath.c_str(), STDOUT_FILENO};
+  lockPath = std::string(folder) + "/cffs_uds.lock";
+  queuePath = std::string(folder) + "/cffs_uds.queue";
+  setup = {folder, lockPath.c_str(), queuePath.c_str(), STDOUT_FILENO};  // connect() is faked
   setlogmask(LOG_MASK(LOG_EMERG));  // a level the program never logs at
   return 0;
 }
