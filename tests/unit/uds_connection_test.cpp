@@ -87,9 +87,8 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
     SimDaemon sim(kTree, row.daemon);
     ReplyPipe reply;
     DaemonSetup setup = sim.setup(reply.ends[1]);
-    const std::string elsewhere = std::string(setup.socketPath) + ".elsewhere";
-    if (row.error == ENOENT) setup.socketPath = elsewhere.c_str();
-    // The lowest free descriptor as the limit leaves no room for the socket.
+    if (row.error == ENOENT) setup.socketPath = "/nowhere/cffs_uds";
+    // The lowest free descriptor as the limit: the lock file's open fails first.
     rlimit low = {static_cast<rlim_t>(dup(0)), limit.rlim_max};
     close(static_cast<int>(low.rlim_cur));
     if (row.error == EMFILE) setrlimit(RLIMIT_NOFILE, &low);
