@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <functional>
 #include <thread>
 
 #include "support/sim_daemon.h"
@@ -117,32 +116,13 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
   }
 }
 
-void onTick(int) {}
-
-// Runs `ask`, which may wait for the lock, for a request given up on: a wait
-// ends with ECANCELED instead. The wait looks whether anybody waits at each
-// signal: every millisecond here, which also ends an open that would wait on a
-// FIFO; after 5 s `letGo` ends it.
-template <typename Ask>
-auto givenUp(Ask ask, const std::function<void()>& letGo) {
-  struct sigaction tick = {};
-  tick.sa_handler = onTick;
-  sigaction(SIGALRM, &tick, nullptr);
-  std::atomic<bool> done = false;
-  const pthread_t asker = pthread_self();
-  std::thread waker([&] {
-    if (!waitUntil([&] { return pthread_kill(asker, SIGALRM), done.load(); })) letGo();
-  });
-  const auto result = ask();
-  done = true;
-  waker.join();
-  return result;
-}
-
 // A write waits for the reads under way, but the reads that come after it
 // wait for the write (which holds the queue while it waits): a steady stream
 // of reads cannot starve a write. A lock file that is not a regular file of
-// ours is refused at once, never waited on.
+// ours is refused at once, never waited on. Each row asks for a request given
+// up on, whose wait ends with ECANCELED instead: it looks whether anybody waits
+// at each signal, every millisecond here, which also ends an open that would
+// wait on a FIFO; after 5 s the other request lets go.
 TEST(DaemonLockTest, ModesAndTurns) {
   const LockMode none = LockMode::None, shared = LockMode::Shared, exclusive = LockMode::Exclusive;
   const struct {
@@ -164,6 +144,9 @@ TEST(DaemonLockTest, ModesAndTurns) {
               {"a link for a lock file", none, shared, ELOOP, false, false, S_IFLNK},
               {"a directory for a lock file", none, shared, EPERM, false, false, S_IFDIR},
               {"a FIFO for the queue", none, shared, EPERM, false, false, S_IFIFO}};
+  struct sigaction tick = {};
+  tick.sa_handler = [](int) {};
+  sigaction(SIGALRM, &tick, nullptr);
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     SimDaemon sim({});
@@ -176,19 +159,25 @@ TEST(DaemonLockTest, ModesAndTurns) {
     int queue = row.queued ? open(sim.setup().queuePath, O_RDONLY | O_CLOEXEC) : -1;
     EXPECT_EQ(0, row.queued ? flock(queue, LOCK_EX) : 0);
     reply.giveUp();
-    const auto ask = [&] {
+    std::atomic<bool> done = false;
+    const pthread_t asker = pthread_self();
+    std::thread waker([&] {
+      if (waitUntil([&] { return pthread_kill(asker, SIGALRM), done.load(); })) return;
+      other.release();
+      close(queue);
+      queue = -1;
+    });
+    const int error = [&] {
       if (row.connection) {
         const UdsConnection connection(sim.setup(reply.ends[1]), row.asked);
         return connection.status() == UdsStatus::Abandoned ? ECANCELED : 0;
       }
       DaemonLock lock(sim.setup(reply.ends[1]));
       return lock.acquire(row.asked) ? 0 : errno;
-    };
-    EXPECT_EQ(row.error, givenUp(ask, [&] {
-                other.release();
-                close(queue);
-                queue = -1;
-              }));
+    }();
+    done = true;
+    waker.join();
+    EXPECT_EQ(row.error, error);
     if (queue >= 0) close(queue);
   }
 }
