@@ -9,7 +9,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzedDataProvider in(data, size);
   std::string name = in.ConsumeRandomLengthString();
   std::string value = in.ConsumeRandomLengthString();
-  playDaemon(answeringScript(in));
+  playDaemon(in);
   ConfigClient client(fakeDaemon());
   try {
     std::string replies;

@@ -1,10 +1,12 @@
-// Each rule against the daemon simulator. A row: the stored tree as a delta over
-// the default configuration (which agrees with every rule), the write (entered
-// in the set first, as the write service does), and the entries recorded. A
+// Each rule, and the one a written name sets off, against the daemon simulator.
+// A row: the stored tree as a delta over the default configuration (which
+// agrees with every rule), the write (entered in the set first, as the write
+// service does), and the entries recorded, std::out_of_range as "thrown". A
 // row may have the daemon reset the connection at the read of one path.
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <stdexcept>
 
 #include "rules/fixed_settings.h"
 #include "rules/mux_bitrate.h"
@@ -12,6 +14,7 @@
 #include "rules/single_input.h"
 #include "rules/video_encoder.h"
 #include "support/sim_daemon.h"
+#include "write_service/triggered_rule.h"
 
 namespace {
 
@@ -37,11 +40,13 @@ Rule plain(void (*rule)(ConfigClient&, ChangeSet&)) {
   return [rule](auto& c, auto& s, auto, auto) { rule(c, s); };
 }
 
-void check(const Rule& rule, const std::vector<Row>& rows) {
+// `common`: a delta beneath every row's.
+void check(const Rule& rule, const std::vector<Row>& rows, ParameterMap common = {}) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
-    ParameterMap tree = defaultTree();
-    for (const auto& [path, value] : row.stored) {
+    ParameterMap tree = defaultTree(), stored = row.stored;
+    stored.insert(common.begin(), common.end());
+    for (const auto& [path, value] : stored) {
       if (value != kGone) tree[path] = value;
       if (value == kGone) tree.erase(path);
     }
@@ -52,7 +57,11 @@ void check(const Rule& rule, const std::vector<Row>& rows) {
     if (!row.write.first.empty()) changes.insert(row.write);
     ChangeSet expected = changes;
     for (const auto& [path, value] : row.recorded) expected[path] = value;
-    rule(client, changes, row.write.first, row.write.second);
+    try {
+      rule(client, changes, row.write.first, row.write.second);
+    } catch (const std::out_of_range&) {
+      changes["thrown"] = "out_of_range";
+    }
     EXPECT_EQ(changes, expected);
     EXPECT_EQ(!row.resetAt.empty(), daemon.sim.faulted()) << "reset never planted";
   }
@@ -149,19 +158,52 @@ TEST(MuxBitrateRule, TotalsScaledClampedAndWrapped) {
       {"failed read in mux2 keeps mux1", {{total, "0"}, {mux("2/bitrate"), "0"}}, {},
        {{total, "4466526"}}, {}, mux("2/mode")}});
 }
+// Which rule a name sets off, the frame-rate and stream-audio rules only carrying
+// the value over; a name too short to compare (or "single" alone) throws.
+TEST(TriggeredRule, AtMostOneRuleByTheWrittenName) {
+  const std::string mode = "/configuration/inputs/video/mode";
+  const std::string on1 = enc("venc1/frame_ctrl/enable"), on2 = enc("venc2/frame_ctrl/enable");
+  const std::string rtsp = out("rtsp/streams/stream");
+  const ParameterMap thrown = {{"thrown", "out_of_range"}}, single2 = {{enc("venc1/input"), "in2"},
+      {enc("venc2/input"), "in2"}, {kRtsp1, "2"}, {kAudio1, "aenc2"}, {kAudio2, "aenc2"}};
+  check(applyTriggeredRule, {
+      {"single_2", {}, {mode, "single_2"}, single2},
+      {"neither separator nor what follows looked at", {}, {mode, "singleX2x"}, single2},
+      {"single alone", {}, {mode, "single"}, thrown},
+      {"quoted", {}, {mode, "\"single 2\""}, {}},
+      {"dual", {}, {mode, "dual"}, {}},
+      {"longer mode name", {}, {mode + "/", "single_2"}, {}},
+      {"rate 1", {}, {enc("venc1/frame_ctrl/rate"), "1"}, {{on1, "no"}}},
+      {"rate 01", {}, {enc("venc2/frame_ctrl/rate"), "01"}, {{on2, "yes"}}},
+      {"longer rate name", {}, {enc("venc2/frame_ctrl/rate/x"), "1"}, {{on2, "no"}}},
+      {"venc12", {}, {enc("venc12/frame_ctrl/rate"), "1"}, {}},
+      {"rat", {}, {enc("venc1/frame_ctrl/rat"), "1"}, {}},
+      {"no encoder number", {}, {enc("venc"), "1"}, thrown},
+      {"stream 2", {}, {rtsp + "2/aenc", "3"}, {{kRtmp1, "3"}, {kAudio1, "aenc3"}}},
+      {"longer aenc name", {}, {rtsp + "1/aenc/x", "off"}, {{kRtmp1, "off"}, {kAudio1, "off"}}},
+      {"empty", {}, {rtsp + "1/aenc", "\"\""}, {{kRtmp1, "\"\""}, {kAudio1, "aenc\"\""}}},
+      {"stream12", {}, {rtsp + "12/aenc", "3"}, {}},
+      {"venc of a stream", {}, {rtsp + "1/venc", "3"}, {}},
+      {"rtmp", {}, {kRtmp1, "3"}, {}},
+      {"no stream number", {}, {rtsp, "3"}, thrown},
+      {"address", {}, {kIp, "10.0.0.5"}, {{kCast, "10.0.0.255"}}},
+      {"mask", {}, {kMask, "255.255.0.0"}, {{kCast, "192.168.255.255"}}},
+      {"longer address name", {}, {kIp + "2", "10.0.0.5"}, {}}},
+      // Drifted: a rule set off by mistake would record them.
+      {{kCast, "0.0.0.0"}, {kRtmp1, "x"}, {on1, "x"}, {on2, "x"}});
+}
 // clang-format on
 
 // The shipped default configuration holds the pinned values.
 TEST(FixedSettingsRule, PinsExactlyTenParametersToTheirDefaultValues) {
-  const ParameterMap defaults = defaultTree();
-  ParameterMap drifted = defaults;
+  ParameterMap drifted = defaultTree();
   for (auto& entry : drifted) entry.second += "x";
   SimDaemon daemon(drifted);
   ConfigClient client(daemon.setup());
   ChangeSet changes;
   applyFixedSettings(client, changes);
   EXPECT_EQ(10u, changes.size());
-  for (const auto& [path, value] : changes) EXPECT_EQ(defaults.at(path), value) << path;
+  for (const auto& [path, value] : changes) EXPECT_EQ(defaultTree().at(path), value) << path;
 }
 
 }  // namespace

@@ -13,9 +13,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <functional>
-#include <future>
-#include <memory>
 #include <thread>
 
 #include "support/sim_daemon.h"
@@ -73,14 +70,10 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
     bool unattended = false;
     bool givenUp = false;       // the web server gave up on the request
     bool givenUpLater = false;  // once the request has let go of the lock
-    mode_t planted = 0;         // at the lock path, a FIFO at the queue's
   } rows[] = {
       {"no daemon", {}, UdsStatus::ConnectFailed, ENOENT},
       {"not listening", notListening, UdsStatus::ConnectFailed, ECONNREFUSED},
       {"no descriptor left", {}, UdsStatus::OpenFailed, EMFILE},
-      {"a link for a lock file", {}, UdsStatus::OpenFailed, ELOOP, 0, 0, 0, S_IFLNK},
-      {"a directory for a lock file", {}, UdsStatus::OpenFailed, EPERM, 0, 0, 0, S_IFDIR},
-      {"a FIFO for the queue", {}, UdsStatus::OpenFailed, EPERM, 0, 0, 0, S_IFIFO},
       {"reset", withFault(Fault::Reset), UdsStatus::ReadFailed, ECONNRESET},
       {"greets, hangs up", withFault(Fault::HangUpAfterGreeting), UdsStatus::WriteFailed, EPIPE},
       {"unattended hang-up", hangUp, UdsStatus::ReadFailed, 0, true},
@@ -93,23 +86,12 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
     SimDaemon sim(kTree, row.daemon);
     ReplyPipe reply;
     DaemonSetup setup = sim.setup(reply.ends[1]);
-    const std::string elsewhere = std::string(setup.socketPath) + ".elsewhere";
-    if (row.error == ENOENT) setup.socketPath = elsewhere.c_str();
-    // The lowest free descriptor as the limit leaves no room for the socket.
+    if (row.error == ENOENT) setup.socketPath = "/nowhere/cffs_uds";
+    // The lowest free descriptor as the limit: the lock file's open fails first.
     rlimit low = {static_cast<rlim_t>(dup(0)), limit.rlim_max};
     close(static_cast<int>(low.rlim_cur));
     if (row.error == EMFILE) setrlimit(RLIMIT_NOFILE, &low);
-    if (row.planted == S_IFLNK) symlink("/nowhere", setup.lockPath);
-    if (row.planted == S_IFDIR) mkdir(setup.lockPath, 0755);
-    if (row.planted == S_IFIFO) mkfifo(setup.queuePath, 0644);
-    // Opened on a thread: an open that waits on a FIFO fails the row, and a writer ends it.
-    auto opening = std::async(std::launch::async, [&] {
-      return std::make_unique<UdsConnection>(setup, LockMode::Shared);
-    });
-    EXPECT_EQ(std::future_status::ready, opening.wait_for(Millis(5000))) << "waits";
-    close(open(setup.queuePath, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
-    const auto opened = opening.get();
-    UdsConnection& connection = *opened;
+    UdsConnection connection(setup, LockMode::Shared);
     setrlimit(RLIMIT_NOFILE, &limit);
     if (row.unattended) connection.setUnattended(Millis(50));
     if (row.givenUp) reply.giveUp();
@@ -134,71 +116,68 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
   }
 }
 
-void onTick(int) {}
-
-// Runs `ask`, which may wait for the lock, for a request given up on: one that
-// would wait returns false with ECANCELED instead. The wait looks whether
-// anybody waits at each signal: every millisecond here; after 5 s `letGo` ends it.
-template <typename Ask>
-auto givenUp(Ask ask, const std::function<void()>& letGo) {
-  struct sigaction tick = {};
-  tick.sa_handler = onTick;
-  sigaction(SIGALRM, &tick, nullptr);
-  std::atomic<bool> done = false;
-  const pthread_t asker = pthread_self();
-  std::thread waker([&] {
-    if (!waitUntil([&] { return pthread_kill(asker, SIGALRM), done.load(); })) letGo();
-  });
-  const auto result = ask();
-  done = true;
-  waker.join();
-  return result;
-}
-
 // A write waits for the reads under way, but the reads that come after it
 // wait for the write (which holds the queue while it waits): a steady stream
-// of reads cannot starve a write.
+// of reads cannot starve a write. A lock file that is not a regular file of
+// ours is refused at once, never waited on. Each row asks for a request given
+// up on, whose wait ends with ECANCELED instead: it looks whether anybody waits
+// at each signal, every millisecond here, which also ends an open that would
+// wait on a FIFO; after 5 s the other request lets go.
 TEST(DaemonLockTest, ModesAndTurns) {
   const LockMode none = LockMode::None, shared = LockMode::Shared, exclusive = LockMode::Exclusive;
   const struct {
     const char* what;
     LockMode held;  // by another request
     LockMode asked;
-    bool taken;
+    int error;                // 0: taken at once; ECANCELED: it would wait
     bool queued = false;      // another request waits for its turn
     bool connection = false;  // a connection asks: its status says
-  } rows[] = {{"alone", none, exclusive, true},
-              {"reads share", shared, shared, true},
-              {"a write waits for a read", shared, exclusive, false},
-              {"a read waits for a write", exclusive, shared, false},
-              {"a write waits for a write", exclusive, exclusive, false},
-              {"a read waits behind a queued write", shared, shared, false, true},
-              {"nothing asked, nothing waited for", exclusive, none, true, true},
-              {"a connection in line: Abandoned", exclusive, shared, false, false, true}};
+    mode_t planted = 0;       // at the lock path; a FIFO at the queue's
+  } rows[] = {{"alone", none, exclusive, 0},
+              {"reads share", shared, shared, 0},
+              {"a write waits for a read", shared, exclusive, ECANCELED},
+              {"a read waits for a write", exclusive, shared, ECANCELED},
+              {"a write waits for a write", exclusive, exclusive, ECANCELED},
+              {"a read waits behind a queued write", shared, shared, ECANCELED, true},
+              {"nothing asked, nothing waited for", exclusive, none, 0, true},
+              {"a connection in line: Abandoned", exclusive, shared, ECANCELED, false, true},
+              {"a link for a lock file", none, shared, ELOOP, false, false, S_IFLNK},
+              {"a directory for a lock file", none, shared, EPERM, false, false, S_IFDIR},
+              {"a FIFO for the queue", none, shared, EPERM, false, false, S_IFIFO}};
+  struct sigaction tick = {};
+  tick.sa_handler = [](int) {};
+  sigaction(SIGALRM, &tick, nullptr);
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     SimDaemon sim({});
     ReplyPipe reply;
+    if (row.planted == S_IFLNK) symlink("/nowhere", sim.lock.c_str());
+    if (row.planted == S_IFDIR) mkdir(sim.lock.c_str(), 0755);
+    if (row.planted == S_IFIFO) mkfifo(sim.queue.c_str(), 0644);
     DaemonLock other(sim.setup());
     ASSERT_TRUE(other.acquire(row.held));
     int queue = row.queued ? open(sim.setup().queuePath, O_RDONLY | O_CLOEXEC) : -1;
     EXPECT_EQ(0, row.queued ? flock(queue, LOCK_EX) : 0);
     reply.giveUp();
-    const auto taken = [&] {  // at once, or it gave up with ECANCELED
+    std::atomic<bool> done = false;
+    const pthread_t asker = pthread_self();
+    std::thread waker([&] {
+      if (waitUntil([&] { return pthread_kill(asker, SIGALRM), done.load(); })) return;
+      other.release();
+      close(queue);
+      queue = -1;
+    });
+    const int error = [&] {
       if (row.connection) {
-        return UdsConnection(sim.setup(reply.ends[1]), row.asked).status() != UdsStatus::Abandoned;
+        const UdsConnection connection(sim.setup(reply.ends[1]), row.asked);
+        return connection.status() == UdsStatus::Abandoned ? ECANCELED : 0;
       }
       DaemonLock lock(sim.setup(reply.ends[1]));
-      errno = 0;
-      const bool taken = lock.acquire(row.asked);
-      EXPECT_EQ(taken ? errno : ECANCELED, errno);
-      return taken;
-    };
-    EXPECT_EQ(row.taken, givenUp(taken, [&] {
-                other.release();
-                close(queue);
-                queue = -1;
-              }));
+      return lock.acquire(row.asked) ? 0 : errno;
+    }();
+    done = true;
+    waker.join();
+    EXPECT_EQ(row.error, error);
     if (queue >= 0) close(queue);
   }
 }
