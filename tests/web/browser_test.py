@@ -162,7 +162,8 @@ class BrowserTest(unittest.TestCase):
         self.driver.get(ORIGINS["address"] + "/popup.html")
         log = lambda: Path("/tmp/access.log").read_text()  # noqa: E731
         self.assertIn("probe-99", webenv.poll(log, lambda text: "probe-99" in text, 30))
-        self.assertEqual(webenv.poll(lambda: log().count("POST /cgi-bin/"), (12).__le__, 30), 12)  # consoles' reads
+        # Each console's read; one may also go out before its page comes back without the password.
+        self.assertGreaterEqual(webenv.poll(lambda: log().count("POST /cgi-bin/"), (12).__le__, 30), 12)
         self.driver.switch_to.window(self.driver.window_handles[0])
         self.assertEqual(Path("/tmp/server.log").read_text().count("password doesn't match"), 0)
         self.driver.get(f"{SCHEME}://{HOME}/console/")
