@@ -6,7 +6,9 @@ from pathlib import Path
 import sandbox  # tools/, on PYTHONPATH (ctest sets it)
 from sandbox import free_port, lighttpd, poll  # noqa: F401
 
-PROGRAM, IP = "/cgi-bin/tzr4417.cgi", "/configuration/network/ip_addr"
+NET = "/configuration/network/"
+PROGRAM, IP = "/cgi-bin/tzr4417.cgi", NET + "ip_addr"
+READ = f"{PROGRAM}?read={IP}"
 USER = ("admin", "s3cret")
 CLONE_NEWNET = 0x40000000
 HEADER = {"X-Tzr4417-Console": "1"}  # what the console and scripts send
@@ -43,6 +45,17 @@ def certificate(*names):
 def users(password=USER[1]):
     Path("/tmp/users").write_text(f"{USER[0]}:{sandbox.sha512_crypt(password)}\n")
     return "/tmp/users"
+
+
+def appliance(config, extra=(), **options):
+    """lighttpd on port 80 with the appliance's snippet CONFIG, its host name encoder, USER's password."""
+    settings = {"tzr4417_hosts": "encoder", "tzr4417_users": users(), "tzr4417_tls": TLS}
+    return lighttpd(config, 80, extra, **options, **settings)
+
+
+def refused():
+    """How many passwords mod_auth has refused."""
+    return Path("/tmp/server.log").read_text().count("password doesn't match")
 
 
 def request(port, target, headers=None, body=None, user=USER, method=None, cafile=None, source=None, timeout=5):
