@@ -1,6 +1,6 @@
 """tzr4417.cgi behind a real web server with the shipped configuration.
 argv: CGI SIMULATOR lighttpd|https|busybox (https: lighttpd's HTTPS snippet, on 443, its redirect on 80)"""
-import base64, collections, concurrent.futures, contextlib, functools, json, os, re, resource, signal, socket
+import base64, collections, concurrent.futures, contextlib, functools, os, re, resource, signal, socket
 import subprocess, sys, threading, time, unittest
 from pathlib import Path
 
@@ -10,7 +10,6 @@ from webenv import HEADER, IP, PROGRAM, USER, request
 SERVER = sys.argv[3]
 CAFILE = {"https": webenv.CERT}.get(SERVER)  # the device certificate is the one trusted
 ask = functools.partial(request, cafile=CAFILE)
-SLOW_APPLY = ("--delay-command", "apply", "--delay-ms", "1000")
 FRAMES = "frame-ancestors 'none'"
 EVERYWHERE = {"X-Content-Type-Options": "nosniff", "Referrer-Policy": "no-referrer"}
 READ = f"{PROGRAM}?read={IP}"
@@ -52,7 +51,6 @@ CASES = [
     ("write, header",         WRITE,                HEADER,                    None,         USER,    200, 200),
     ("read with a write",     f"{READ}&write=/x&value=1", {},              None,         USER,    403, 200),
     ("write, Sec-Fetch-Site: none", WRITE,          {"Sec-Fetch-Site": "none"}, None,        USER,    403, 200),
-    ("empty list",            f"{PROGRAM}?read=",   HEADER,                    None,         USER,    400, 400),
     ("no password",           READ,                 HEADER,                    None,         None,    401, 401),
     ("wrong password",        READ,                 HEADER,                    None,         WRONG,   401, 401),
     ("cross-site",            READ,                 SITE("cross-site"),        None,         WRONG,   403, 401),
@@ -118,7 +116,7 @@ class ServerTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         webenv.isolate("192.0.2.10")  # a network of its own: 80 and 443 are free
-        cls.sim = webenv.simulator(*SLOW_APPLY)
+        cls.sim = webenv.simulator()
         cls.port = 443 if CAFILE else 80
         list(map(webenv.add_address, ADDRESSES))
         os.environ["TZR4417_LOGIN_WINDOW"] = str(WINDOW)
@@ -153,8 +151,6 @@ class ServerTest(unittest.TestCase):
                 before = self.sim.connections()
                 status, got, reply = ask(self.port, target, headers, body and body.encode(), user, method)
                 self.assertEqual(status, want, reply)
-                if status == 200 and target == READ and method != "HEAD":
-                    self.assertEqual(json.loads(reply)[IP], "192.168.1.10")
                 if SERVER != "busybox" and status != 413:  # what lighttpd says with every answer
                     self.assertEqual({name: got[name] for name in EVERYWHERE}, EVERYWHERE)
                     self.assertEqual(got["Strict-Transport-Security"], CAFILE and "max-age=31536000")
@@ -166,7 +162,7 @@ class ServerTest(unittest.TestCase):
                     self.assertEqual(got["Cache-Control"], None if target == "/console/" else "no-store")
                 if target == "/console/":
                     self.assertRegex(got["Content-Type"], "^text/html")
-                elif status != 400:
+                else:
                     self.assertEqual(self.sim.connections() > before, status == 200, "daemon contacted?")
 
     @unittest.skipIf(SERVER == "busybox", "busybox httpd bounds nothing: docs/security.md")
@@ -242,18 +238,6 @@ class ServerTest(unittest.TestCase):
 
         self.assertEqual(list(map(status, (NEW, OWNER, HOSTS[0]))), [200, 200, None])
 
-    def test_write_replies_before_the_child_is_done(self):
-        def count(word):
-            return self.sim.transcript().count(word + "\\r")
-
-        # The writes busybox let in above have saved first.
-        saves = webenv.poll(lambda: count("save"), lambda n: n == count("apply"))
-        status, _, reply = ask(self.port, f"{PROGRAM}?write={IP}&value=10.0.0.5", HEADER)
-        self.assertEqual((status, json.loads(reply)), (200, {"write": IP, "value": "10.0.0.5", "reply": ""}))
-        self.assertEqual(count("save"), saves)  # the apply takes a second: a reply that waited would follow the save
-        done = webenv.poll(self.sim.transcript, lambda text: text.endswith("apply\\r\nsave\\r\n"), 3)
-        self.assertTrue(done.endswith("apply\\r\nsave\\r\n"), done)
-
     @unittest.skipIf(SERVER == "busybox", "lighttpd's configuration")
     def test_a_list_of_hosts_stops_lighttpd(self):
         conf = Path("/tmp/lighttpd.conf").read_text().replace('"encoder"', '"encoder encoder.local"')
@@ -265,7 +249,7 @@ class ServerTest(unittest.TestCase):
     def test_a_request_stuck_on_the_daemon_ends_at_lighttpds_time_out(self):
         # The program's own notice that a server stopped waiting is the end-to-end tier's.
         self.sim.stop()
-        self.addCleanup(lambda: setattr(type(self), "sim", webenv.simulator(*SLOW_APPLY)))
+        self.addCleanup(lambda: setattr(type(self), "sim", webenv.simulator()))
         self.addCleanup(webenv.simulator("--delay-command", "ls", "--delay-ms", "3600000").stop)
         # The client gives up after a few seconds; the server does not notice.
         threading.Thread(target=request, args=(self.port, READ, HEADER), daemon=True).start()
