@@ -1,18 +1,16 @@
 """tzr4417.cgi behind a real web server with the shipped configuration.
 argv: CGI SIMULATOR lighttpd|https|busybox (https: lighttpd's HTTPS snippet, on 443, its redirect on 80)"""
-import base64, collections, concurrent.futures, contextlib, functools, os, re, resource, signal, socket
-import subprocess, sys, threading, time, unittest
+import base64, collections, concurrent.futures, contextlib, functools, os, re, resource, signal, socket, subprocess
+import sys, threading, time, unittest
 from pathlib import Path
 
 import webenv
-from webenv import HEADER, IP, PROGRAM, USER, request
+from webenv import HEADER, IP, PROGRAM, READ, USER, request
 
 SERVER = sys.argv[3]
 CAFILE = {"https": webenv.CERT}.get(SERVER)  # the device certificate is the one trusted
 ask = functools.partial(request, cafile=CAFILE)
-FRAMES = "frame-ancestors 'none'"
 EVERYWHERE = {"X-Content-Type-Options": "nosniff", "Referrer-Policy": "no-referrer"}
-READ = f"{PROGRAM}?read={IP}"
 WRITE = f"{PROGRAM}?write=/configuration/network/hostname&value=encoder"
 
 
@@ -29,7 +27,6 @@ WINDOW = 15  # seconds, for the login bounds in lighttpd: the hour, shortened; a
 OWNER, HOST, NEW = "192.0.2.11", "192.0.2.12", "192.0.2.13"
 V6_OWNER, V6_NEIGHBOUR = "fd00:1::11", "fd00:1::12"  # one /64, which one host can fill
 HOSTS = [f"192.0.2.{100 + i}" for i in range(20)]
-ADDRESSES = [OWNER, HOST, NEW, V6_OWNER, V6_NEIGHBOUR, *HOSTS]
 # What lighttpd answers before any password check; a guesser sends one after each try, with credentials.
 BIG_HEADER = {"X-Padding": "x" * 9000}
 EARLY = [("POST", BIG, {}, 413), ("GET", "", BIG_HEADER, 431), ("GET", "", {"Transfer-Encoding": "gzip"}, 501)]
@@ -102,34 +99,28 @@ GUESSES = [
 # fmt: on
 
 
+def runs_program(pid):
+    with contextlib.suppress(OSError):  # it may have ended
+        return b"tzr4417.cgi" in Path(f"/proc/{pid}/cmdline").read_bytes()
+
+
 def programs():
     """Our descendants that run the program."""
-
-    def runs_program(pid):
-        with contextlib.suppress(OSError):
-            return b"tzr4417.cgi" in Path(f"/proc/{pid}/cmdline").read_bytes()
-
-    return {pid for pid in webenv.sandbox.descendants(os.getpid()) if runs_program(pid)}
+    return set(filter(runs_program, webenv.sandbox.descendants(os.getpid())))
 
 
 class ServerTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        webenv.isolate("192.0.2.10")  # a network of its own: 80 and 443 are free
+        webenv.isolate(OWNER, HOST, NEW, V6_OWNER, V6_NEIGHBOUR, *HOSTS)  # a network of its own: 80 and 443 are free
         cls.sim = webenv.simulator()
         cls.port = 443 if CAFILE else 80
-        list(map(webenv.add_address, ADDRESSES))
         os.environ["TZR4417_LOGIN_WINDOW"] = str(WINDOW)
         if SERVER == "busybox":
-            cls.port = webenv.free_port()
             webenv.sandbox.busybox(cls.port, USER[1], networks=("127.0.0.1", "192.0.2.0/24"))
         else:
             webenv.certificate("encoder", "127.0.0.1", "::1")
             cls.restart()
-
-    def checks(self):
-        """How many passwords mod_auth has refused."""
-        return Path("/tmp/server.log").read_text().count("password doesn't match")
 
     @classmethod
     def restart(cls):
@@ -138,8 +129,7 @@ class ServerTest(unittest.TestCase):
             cls.server.terminate()
             cls.server.wait()
         after = ["" if CAFILE else '$SERVER["socket"] == "[::]:80" {}']  # the HTTPS snippet listens on IPv6 itself
-        settings = {"tzr4417_hosts": "encoder", "tzr4417_users": webenv.users(), "tzr4417_tls": webenv.TLS}
-        cls.server = webenv.lighttpd("tzr4417-https.conf" if CAFILE else "tzr4417.conf", 80, after=after, **settings)
+        cls.server = webenv.appliance("tzr4417-https.conf" if CAFILE else "tzr4417.conf", after=after)
 
     def test_requests(self):
         for name, target, headers, body, user, *expected in CASES:
@@ -158,7 +148,7 @@ class ServerTest(unittest.TestCase):
                     policy = "default-src 'none'; script-src 'self'" if target == "/console/" else "default-src"
                     shown = (got["X-Frame-Options"], got["Content-Security-Policy"][: len(policy)])
                     self.assertEqual(shown, ("DENY", policy))
-                    self.assertTrue(got["Content-Security-Policy"].endswith(FRAMES))
+                    self.assertTrue(got["Content-Security-Policy"].endswith("frame-ancestors 'none'"))
                     self.assertEqual(got["Cache-Control"], None if target == "/console/" else "no-store")
                 if target == "/console/":
                     self.assertRegex(got["Content-Type"], "^text/html")
@@ -190,10 +180,10 @@ class ServerTest(unittest.TestCase):
                 with self.subTest(name):
                     before = self.sim.connections()
                     tried = [(at, user or f"guess{i}", password, i) for at in sources for i in range(tries)]
-                    checks = self.checks()
+                    checks = webenv.refused()
                     got = collections.Counter(pool.map(lambda args: one(*args), tried))
                     self.assertEqual(got, expected)
-                    self.assertEqual(self.checks() - checks, got[401])  # each 401 a check, and nothing else
+                    self.assertEqual(webenv.refused() - checks, got[401])  # each 401 a check, and nothing else
                     self.assertEqual(self.sim.connections() > before, 200 in got, "daemon contacted?")
         webenv.users()
 
@@ -202,13 +192,10 @@ class ServerTest(unittest.TestCase):
         def rss():
             return int(re.search(r"VmRSS:\s*(\d+)", Path(f"/proc/{self.server.pid}/status").read_text())[1])
 
-        # New names from one address: kilobyte-long ones without a colon (malformed), and short ones with a
-        # wrong password (counted, then refused), 100,000 requests.
         before = rss()
         url = f"{'https' if CAFILE else 'http'}://127.0.0.1:{self.port}{READ}"
-        script = Path(__file__).with_name("new_names.lua")
-        command = ["wrk", "-t1", "-c20", "-d300s", "-s", script, url, "--", "/tmp/wrk.done"]
-        wrk = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+        script = Path(__file__).with_name("new_names.lua")  # 100,000 new names from one address
+        wrk = subprocess.Popen(["wrk", "-t1", "-c20", "-d300s", "-s", script, url], stdout=subprocess.PIPE, text=True)
         webenv.poll(Path("/tmp/wrk.done").exists, bool, 240)
         wrk.send_signal(signal.SIGINT)
         self.assertRegex(wrk.communicate()[0], r"\b1000\d\d requests in")

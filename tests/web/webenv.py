@@ -4,7 +4,7 @@ import base64, http.client, os, ssl, subprocess, sys, tempfile
 from pathlib import Path
 
 import sandbox  # tools/, on PYTHONPATH (ctest sets it)
-from sandbox import free_port, lighttpd, poll  # noqa: F401
+from sandbox import lighttpd, poll  # noqa: F401
 
 NET = "/configuration/network/"
 PROGRAM, IP = "/cgi-bin/tzr4417.cgi", NET + "ip_addr"
