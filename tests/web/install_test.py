@@ -1,6 +1,5 @@
-"""INSTALL.md to the letter: this build's release archive (cpack, as tools/build-arm.sh --package), unpacked; the
-guide's shell blocks run into a scratch root; the board's boot command for the certificate run in it twice; each
-server started in it as the guide says, and asked the guide's curl examples. argv: CGI (in its build tree) SIMULATOR"""
+"""INSTALL.md to the letter: this build's release archive (cpack) unpacked, the guide's shell blocks run into a
+scratch root, the board's commands run in it, each server asked the guide's curl examples. argv: CGI SIMULATOR"""
 import subprocess, sys, unittest
 from pathlib import Path
 
@@ -10,6 +9,10 @@ from webenv import USER, request
 ROOTFS = Path("/tmp/rootfs")
 TLS = ROOTFS / "etc/lighttpd/tzr4417/tls"
 BOARD = "127.0.0.1"  # the guide's board, at 192.168.1.10
+
+
+def on_board(command):
+    subprocess.run(["chroot", ROOTFS, "/bin/sh", "-c", command], check=True)
 
 
 @unittest.skipIf(webenv.sandbox.EMULATOR, "the board's commands would run the target's program natively")
@@ -22,8 +25,7 @@ class InstallTest(unittest.TestCase):
         guide = install_guide.unpack(next(Path("/tmp/package").glob("tzr4417-*.tar.gz")), "/tmp/package")
         guide.install(ROOTFS=ROOTFS, PASSWORD=USER[1], NETWORK="127.0.0.1")
         cls.board, cls.examples = guide.on_board(BOARD), guide.examples
-        # The board: the image's files over this machine's programs.
-        for folder in ("bin", "sbin", "lib", "lib64"):
+        for folder in ("bin", "sbin", "lib", "lib64"):  # the board: the image's files over this machine's programs
             (ROOTFS / folder).symlink_to("usr/" + folder)
         for folder in ("usr", "dev", "proc", "tmp"):
             (ROOTFS / folder).mkdir(exist_ok=True)
@@ -33,19 +35,15 @@ class InstallTest(unittest.TestCase):
     def test_each_server_serves_the_console_and_answers_the_examples(self):
         self.assertEqual(len(self.examples), 2)
         certificate = self.board["certificate"]
-        subprocess.run(["chroot", ROOTFS, "/bin/sh", "-c", self.board["firewall"]], check=True)  # in the test's network
+        on_board(self.board["firewall"])  # in the test's network
         table = subprocess.run(["nft", "list", "table", "inet", "tzr4417"], capture_output=True, text=True).stdout
         self.assertIn("ct count over 32", table)
-        made = []
-        for _ in range(2):  # each boot runs it; the first one's certificate stays
-            subprocess.run(["chroot", ROOTFS, "/bin/sh", "-c", certificate], check=True, capture_output=True)
-            made.append((TLS / "cert.pem").read_bytes())
-        self.assertEqual((made[1], (TLS / "key.pem").stat().st_mode & 0o777), (made[0], 0o600))
+        made = [on_board(certificate) or (TLS / "cert.pem").read_bytes() for _ in range(2)]  # each boot runs it
+        self.assertEqual((made[1], (TLS / "key.pem").stat().st_mode & 0o777), (made[0], 0o600))  # the first one stays
         # One due within 30 days is made again, for 10 years.
         due = ["openssl", "req", "-x509", "-key", TLS / "key.pem", "-subj", "/CN=encoder", "-days", "29"]
         subprocess.run([*due, "-out", TLS / "cert.pem"], check=True, capture_output=True)
-        renewed = f"{certificate} && openssl x509 -noout -checkend 300000000 -in /etc/lighttpd/tzr4417/tls/cert.pem"
-        subprocess.run(["chroot", ROOTFS, "/bin/sh", "-c", renewed], check=True, capture_output=True)
+        on_board(f"{certificate} && openssl x509 -noout -checkend 300000000 -in /etc/lighttpd/tzr4417/tls/cert.pem")
         # lighttpd over HTTPS (its redirect on port 80 is the server tier's), busybox httpd over plain HTTP.
         for name, port, cafile in ("lighttpd", 443, TLS / "cert.pem"), ("busybox", 80, None):
             with self.subTest(name):

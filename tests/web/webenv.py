@@ -1,24 +1,24 @@
 """The web tests' world: tools/sandbox.py with the program installed, a file beside it that must not be served, a
-network of its own if asked; raw HTTP; the console page in headless Chromium."""
-import base64, http.client, os, ssl, subprocess, sys, tempfile
+network of its own if asked; lighttpd with the appliance's snippets; raw HTTP."""
+import base64, http.client, os, ssl, subprocess, sys
 from pathlib import Path
 
 import sandbox  # tools/, on PYTHONPATH (ctest sets it)
-from sandbox import free_port, lighttpd, poll  # noqa: F401
+from sandbox import lighttpd, poll  # noqa: F401
 
-PROGRAM, IP = "/cgi-bin/tzr4417.cgi", "/configuration/network/ip_addr"
+NET = "/configuration/network/"
+PROGRAM, IP = "/cgi-bin/tzr4417.cgi", NET + "ip_addr"
+READ = f"{PROGRAM}?read={IP}"
 USER = ("admin", "s3cret")
-CLONE_NEWNET = 0x40000000
 HEADER = {"X-Tzr4417-Console": "1"}  # what the console and scripts send
 TLS, CERT = "/tmp/tls", "/tmp/tls/cert.pem"  # var.tzr4417_tls, and the certificate made there
 
 
 def isolate(*addresses):
-    """A private /tmp; given ADDRESSES, also a network of its own whose
-    loopback holds them, so nothing leaves the machine."""
+    """A private /tmp; given ADDRESSES, also a network of its own whose loopback holds them."""
     sandbox.enter(keep=[Path(program).parent for program in sys.argv[1:3]])
     if addresses:
-        if sandbox.LIBC.unshare(CLONE_NEWNET) != 0:
+        if sandbox.LIBC.unshare(0x40000000) != 0:  # CLONE_NEWNET
             sys.exit("webenv: cannot make a network namespace (run as root)")
         subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
         list(map(add_address, addresses))
@@ -45,6 +45,17 @@ def users(password=USER[1]):
     return "/tmp/users"
 
 
+def appliance(config, extra=(), **options):
+    """lighttpd on port 80 with the appliance's snippet CONFIG, its host name encoder, USER's password."""
+    settings = {"tzr4417_hosts": "encoder", "tzr4417_users": users(), "tzr4417_tls": TLS}
+    return lighttpd(config, 80, extra, **options, **settings)
+
+
+def refused():
+    """How many passwords mod_auth has refused."""
+    return Path("/tmp/server.log").read_text().count("password doesn't match")
+
+
 def request(port, target, headers=None, body=None, user=USER, method=None, cafile=None, source=None, timeout=5):
     """One request, over HTTPS if CAFILE (the one trusted), from address SOURCE if given: (status, or None if
     closed with no bytes; headers; body)."""
@@ -65,35 +76,3 @@ def request(port, target, headers=None, body=None, user=USER, method=None, cafil
         return None, {}, b""
     finally:
         connection.close()
-
-
-def chromium(cafile, flags=(), prefs=None):
-    """Headless Chromium that trusts the device certificate CAFILE alone, by its key (no certificate store)."""
-    from selenium import webdriver  # the browser tests' alone
-    from selenium.webdriver.chrome.service import Service
-
-    key = f"openssl x509 -in {cafile} -pubkey -noout | openssl pkey -pubin -outform der | openssl sha256 -binary"
-    spki = base64.b64encode(subprocess.run(key, shell=True, capture_output=True, check=True).stdout).decode()
-    options = webdriver.ChromeOptions()
-    options.binary_location = "/usr/bin/chromium"
-    quiet = "--disable-sync --disable-background-networking --disable-component-update --no-first-run".split()
-    for flag in ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", *quiet, *flags]:
-        options.add_argument(flag)
-    options.add_argument("--user-data-dir=" + tempfile.mkdtemp())
-    options.add_argument("--ignore-certificate-errors-spki-list=" + spki)
-    options.add_experimental_option("prefs", prefs or {})
-    return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
-
-
-def settle(driver):
-    """The console's message line once the page is done with its request."""
-    poll(lambda: driver.execute_script("return document.body.dataset.state"), "idle".__eq__)
-    return driver.find_element("id", "message").text
-
-
-def write(driver, name, value):
-    """A write from the console's form; its message."""
-    script = "document.getElementById('write-name').value = arguments[0];"
-    script += "document.getElementById('write-value').value = arguments[1];"
-    driver.execute_script(script + "document.querySelector('#write-form button').click()", name, value)
-    return settle(driver)
