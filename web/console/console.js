@@ -16,7 +16,9 @@ const PROGRAM = new URL('/cgi-bin/tzr4417.cgi', HERE);
 const HEADERS = {'X-Tzr4417-Console': '1'};
 // Nor does the page keep them: its relative links would carry them on.
 const ADDRESS = new URL(document.URL);
-if (ADDRESS.username || ADDRESS.password) location.replace(location.origin + location.pathname + location.search);
+// Leaving, it reads nothing: a read sent before the page comes back would be one more request.
+const LEAVING = Boolean(ADDRESS.username || ADDRESS.password);
+if (LEAVING) location.replace(location.origin + location.pathname + location.search);
 const NET = '/configuration/network/';
 // A write of one of these can move the appliance to another address.
 const MOVES = new Set([NET + 'ip_addr', NET + 'subnet_mask', NET + 'dhcp']);
@@ -337,7 +339,7 @@ $('write-form').addEventListener('submit', (event) => {
   run(() => write($('write-name').value.trim(), $('write-value').value));
 });
 
-run(async () => {
+if (!LEAVING) run(async () => {
   await loadKnown();
   FIRST_ROWS.forEach(addRow);
   await readRows();
