@@ -30,9 +30,8 @@ void check(bool ok, const char* what) {
   abort();
 }
 
-// A user id that no process on the machine has: the kernel counts a user's
-// processes machine-wide, so a limit of one process holds for it alone. One
-// per test program (by its pid), so that two running at once do not share it.
+// A user id no process has (the kernel counts a user's processes machine-wide),
+// one per test program (by its pid), so that two at once do not share it.
 uid_t unusedUid() {
   std::set<uid_t> used;
   for (const auto& process : std::filesystem::directory_iterator("/proc")) {
@@ -78,8 +77,6 @@ uid_t unusedUid() {
   for (const auto& [name, value] : variables) env.push_back(name + "=" + value);
   for (std::string& entry : env) envp.push_back(entry.data());
   envp.push_back(nullptr);
-  // A cross build's program runs through the emulator, and it may run under a
-  // checker such as valgrind (TZR_CGI_WRAPPER).
   const char* wrapper = getenv("TZR_CGI_WRAPPER");
   std::istringstream words(std::string(wrapper ? wrapper : "") + " " + TZR_EMULATOR);
   Strings command{std::istream_iterator<std::string>(words), {}};
@@ -178,11 +175,6 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
   }
   if (WIFEXITED(status)) result.exitStatus = WEXITSTATUS(status);
   return result;
-}
-
-Options fixedSocket(Options options) {
-  options.socketPath = kApplianceSocket;
-  return options;
 }
 
 SyslogCapture::SyslogCapture() : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
