@@ -18,7 +18,6 @@
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <set>
 #include <sstream>
 #include <thread>
 
@@ -30,24 +29,7 @@ void check(bool ok, const char* what) {
   abort();
 }
 
-// A user id no process has (the kernel counts a user's processes machine-wide),
-// one per test program (by its pid), so that two at once do not share it.
-uid_t unusedUid() {
-  std::set<uid_t> used;
-  for (const auto& process : std::filesystem::directory_iterator("/proc")) {
-    std::ifstream status(process.path() / "status");
-    for (std::string word; status >> word;) {
-      if (word != "Uid:") continue;
-      for (uid_t uid; status.peek() != '\n' && status >> uid;) used.insert(uid);
-      break;
-    }
-  }
-  uid_t uid = 2000000000 + static_cast<uid_t>(getpid());
-  while (used.count(uid)) ++uid;
-  return uid;
-}
-
-[[noreturn]] void execCgi(const CgiRequest& request, uid_t alone, int in, int out) {
+[[noreturn]] void execCgi(const CgiRequest& request, int in, int out) {
   dup2(in, 0);
   dup2(out, 1);
   signal(SIGPIPE, SIG_DFL);
@@ -65,6 +47,9 @@ uid_t unusedUid() {
     // An emulated process has a helper thread of the emulator's beside it.
     const rlim_t tasks = std::string(TZR_EMULATOR).empty() ? 1 : 2;
     rlimit limit = {tasks, tasks};
+    // A user of the test program's own, above any real one's: the kernel counts a
+    // user's processes machine-wide, so the limit holds for the program alone.
+    const uid_t alone = 2000000000 + static_cast<uid_t>(getppid());
     check(setrlimit(RLIMIT_NPROC, &limit) == 0 && setgid(alone) == 0 && setuid(alone) == 0,
           "become a user of its own");
 #ifdef __SANITIZE_ADDRESS__
@@ -138,9 +123,8 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
   int in[2], out[2];
   check(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0, "pipe");
   CgiResult result;
-  const uid_t alone = request.forkFails ? unusedUid() : 0;
   result.pid = fork();
-  if (result.pid == 0) execCgi(request, alone, in[0], out[1]);
+  if (result.pid == 0) execCgi(request, in[0], out[1]);
   close(in[0]);
   close(out[1]);
   // Body and reply move together, neither side blocking; a program that
