@@ -7,8 +7,7 @@
 
 #include "config_client/daemon_setup.h"
 
-// Where the client finds the fake daemon and its lock.
-const DaemonSetup& fakeDaemon();
+const DaemonSetup& fakeDaemon();  // where the client finds it and its lock
 
 // Scripts the next connection from `in`: a greeting and one answer a request
 // from its front, how they are cut and how they end from its end.

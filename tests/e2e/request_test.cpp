@@ -45,7 +45,6 @@ struct Row {
   std::function<void()> lockFiles = {};  // made in place of the program's own, removed after
 
   Row named(std::string why) { return what = why, *this; }
-  Row sends(Strings requests) { return sent = requests, *this; }
   Row logs(Log lines) { return log = lines, *this; }
   Row childLogs(Log lines) { return child = lines, *this; }
   Row against(std::optional<Options> simulator) { return daemon = simulator, *this; }
@@ -67,8 +66,7 @@ void check(const Row& row, bool write) {
     CgiResult result = runCgi(row.request);
     EXPECT_EQ(row.exitStatus, result.exitStatus);
     EXPECT_EQ(row.output, result.output);
-    waitUntil([&] { return log.of(result.pid, true).size() >= row.child.size(); },
-              forProgram(Millis(5000)));
+    waitUntil([&] { return log.of(result.pid, true).size() >= row.child.size(); }, forProgram());
     EXPECT_EQ(row.sent, sim ? sim->transcript(!write) : Strings{});
     EXPECT_EQ(row.daemon && row.daemon->fault != Fault::None, sim && sim->faulted());
     EXPECT_EQ(row.log, log.of(result.pid));
@@ -113,15 +111,15 @@ TEST(RequestTest, ReadsAndDispatch) {
       // Values escaped, raw bytes passed as they are; invalid names as received.
       Row{{"read=/q,/u,/%22x%5C,/%C3%A9%01"},
           json("{ \"\\/q\": \"say \\\"hi\\\" \\\\ back\\nx\", \"\\/u\": \"caf\xC3\xA9\x01\", "
-               "\"invalid\": [ \"/\"x\\\", \"/\xC3\xA9\x01\" ] }")}
-          .named("invalid names deliberately as received (invalid JSON)")
-          .sends({R"(ls /q\r)", R"(ls /u\r)", R"(ls /"x\\\r)", "ls /\xC3\xA9\\x01\\r"}),
+               "\"invalid\": [ \"/\"x\\\", \"/\xC3\xA9\x01\" ] }"),
+          {R"(ls /q\r)", R"(ls /u\r)", R"(ls /"x\\\r)", "ls /\xC3\xA9\\x01\\r"}}
+          .named("invalid names deliberately as received (invalid JSON)"),
       // Line breaks are stripped from the list; a NUL is never sent.
       {{"read=/a,%0D%0A/b"}, json(R"({ "\/a": "1", "\/b": "two words" })"), lsAB},
       Row{{"read=/b%00save,/a"},
-          json(R"({ "\/a": "1", "invalid": [ "/b)" + std::string(1, '\0') + R"(save" ] })")}
-          .named("a NUL never sent; the name deliberately as received")
-          .sends(lsA),
+          json(R"({ "\/a": "1", "invalid": [ "/b)" + std::string(1, '\0') + R"(save" ] })"),
+          lsA}
+          .named("a NUL never sent; the name deliberately as received"),
       {{"read=" + times(10000, "/a,")},
        json("{ " + times(9999, R"("\/a": "1", )") + R"("\/a": "1" })"),
        Strings(10000, lsA[0])},
@@ -165,27 +163,18 @@ std::string written(const std::string& name, const std::string& value, const cha
          "\", \"value\": \"" + value + "\", \"reply\": \"" + reply + "\" }\n";
 }
 
-// The puts, then the detached child's apply and save.
-Strings saved(Strings puts) {
-  puts.insert(puts.end(), {"apply\\r", "save\\r"});
-  return puts;
-}
-
 std::pair<int, std::string> set(const std::string& path, const std::string& value) {
   return {kInfo, "Setting parameter " + path + " to " + value};
 }
 
-std::string put(const std::string& path, const std::string& value) {
-  return "put " + path + " " + value + "\\r";
-}
+std::string put(const std::string& p, const std::string& v) { return "put " + p + " " + v + "\\r"; }
 
-// A write that goes through: its reply, the puts, the "Setting" lines of the
-// write and then of what the rules record, the child's apply and save.
-Row through(const std::string& name, const std::string& value, const Strings& puts, Log log) {
-  log.insert(log.begin(), set(name, value));
-  return Row{{"write=" + name + "&value=" + value}, written(name, value), saved(puts)}
-      .logs(log)
-      .childLogs(kApplied);
+// A write that goes through: `value` as in the query, `shown` as in the reply.
+Row through(const std::string& name, const std::string& value, const std::string& shown,
+            Strings puts, const Log& log) {
+  puts.insert(puts.end(), {"apply\\r", "save\\r"});  // the detached child's
+  Row row = {{"write=" + name + "&value=" + value}, written(name, shown), puts};
+  return row.logs(log).childLogs(kApplied);
 }
 
 TEST(RequestTest, Writes) {
@@ -200,15 +189,6 @@ TEST(RequestTest, Writes) {
       "basic_string::compare: __pos (which is 29) > this->size() (which is 28)";
   CgiRequest forkFails = {"write=" + host + "&value=studio"};
   forkFails.forkFails = true;
-  const auto plain = [&](const std::string& value, const std::string& shown,
-                         const std::string& sent, const std::string& logged) {
-    return Row{
-        {"write=" + host + "&value=" + value}, written(host, shown), saved({put(host, sent)})}
-        .logs({set(host, logged)})
-        .childLogs(kApplied);
-  };
-  // A write refused before anything is sent: the failed-write 500; the child
-  // deliberately logs "Applied and saved" all the same.
   const auto refused = [&](const std::string& value, const std::string& logged) {
     return Row{{"write=" + mode + "&value=" + value}, kRefused}
         .logs({set(mode, logged)})
@@ -216,26 +196,27 @@ TEST(RequestTest, Writes) {
         .named("refused, yet \"Applied and saved\" logged");
   };
   const Row rows[] = {
-      plain("", R"(\"\")", "\"\"", ""),
-      plain("a%20b", R"(\"a b\")", "\"a b\"", "a b"),
-      plain("a%0Bb", "\\\"a\vb\\\"", "\"a\\x0Bb\"", "a\vb"),
-      plain("a%0Cb", R"(\"a\fb\")", "\"a\\x0Cb\"", "a\fb"),
-      plain("a%09b", R"(\"a\tb\")", "\"a\\tb\"", "a\tb"),
-      plain("caf%C3%A9%01", "caf\xC3\xA9\x01", "caf\xC3\xA9\\x01", "caf\xC3\xA9\x01"),
+      through(host, "", R"(\"\")", {put(host, "\"\"")}, {set(host, "")}),
+      through(host, "a%20b", R"(\"a b\")", {put(host, "\"a b\"")}, {set(host, "a b")}),
+      through(host, "a%0Bb", "\\\"a\vb\\\"", {put(host, "\"a\\x0Bb\"")}, {set(host, "a\vb")}),
+      through(host, "a%0Cb", R"(\"a\fb\")", {put(host, "\"a\\x0Cb\"")}, {set(host, "a\fb")}),
+      through(host, "a%09b", R"(\"a\tb\")", {put(host, "\"a\\tb\"")}, {set(host, "a\tb")}),
+      through(host, "caf%C3%A9%01", "caf\xC3\xA9\x01", {put(host, "caf\xC3\xA9\\x01")},
+              {set(host, "caf\xC3\xA9\x01")}),
       // The daemon answers a put too long for it, and the answer is shown;
       // the "Setting" line is too long for the system log, which drops it.
       Row{post("write=" + host + "&value=" + times(1 << 20, "x")),
           written(host, times(1 << 20, "x"), R"(Request too long\r\n)"),
-          saved({"put " + host + " " + times(28, "x") + "... (1048613 bytes)"})}
+          {"put " + host + " " + times(28, "x") + "... (1048613 bytes)", "apply\\r", "save\\r"}}
           .logs({{kInfo, "Reply from \"put\": Request too long\r\n"}})
           .childLogs(kApplied),
       // The written value is recorded first: a rule may replace it.
-      through(autoFc, "no", {put(autoFc, "yes")}, {set(autoFc, "yes")}).over({{autoFc, "no"}}),
-      // Each rule sees what the earlier ones recorded, in the multiplexer's total;
-      // the puts go out in byte order of names, then the child applies and saves.
-      through(rtsp, "3",
+      through(autoFc, "no", "no", {put(autoFc, "yes")}, {set(autoFc, "no"), set(autoFc, "yes")})
+          .over({{autoFc, "no"}}),
+      // Each rule sees what the earlier ones recorded, in the multiplexer's total.
+      through(rtsp, "3", "3",
               {put(rtmp, "3"), put(rtsp, "3"), put(total, "4402526"), put(audio, "aenc3")},
-              {set(rtmp, "3"), set(audio, "aenc3"), set(total, "4402526")}),
+              {set(rtsp, "3"), set(rtmp, "3"), set(audio, "aenc3"), set(total, "4402526")}),
       // A failed put answers 500 with the daemon's text; the child sends nothing,
       // logs the put's answer under apply's and save's labels.
       Row{{"write=&value=x"}, k500 + "Usage: put PATH VALUE\r\n\n", {"put  x\\r"}}
@@ -247,7 +228,7 @@ TEST(RequestTest, Writes) {
           .named("a failed put, yet \"Applied and saved\" logged")
           .over({{recorder, "no"}}),
       // When fork fails, the one process applies and saves before it ends.
-      Row{forkFails, written(host, "studio"), saved({put(host, "studio")})}.logs(
+      Row{forkFails, written(host, "studio"), {put(host, "studio"), "apply\\r", "save\\r"}}.logs(
           {set(host, "studio"),
            {LOG_USER | LOG_WARNING, "Failed to fork child process, continuing in parent process"},
            kApplied[0]}),
@@ -255,27 +236,12 @@ TEST(RequestTest, Writes) {
       // Too short for a rule's compare: main() answers 500 and logs the exception.
       Row{{"write=" + venc + "&value=1"}, k500 + "Exception " + tooShort + "\n"}.logs(
           {set(venc, "1"), {kError, "Caught exception " + tooShort}}),
-      // What cannot go out as one line with a one-word name is sent not at all (which
-      // is: unit/'s client). A line break is quoted first, so no rule takes
-      // "single\n2" for single_2.
+      // A line break is quoted first, so no rule takes "single\n2" for single_2; the client
+      // then refuses the value (unit/), the child logs "Applied and saved" all the same.
       refused("single%0A2", "single\n2"),
       refused("single%0D2", "single\r2"),
   };
   for (const Row& row : rows) check(row, true);
-}
-
-// The first child, beside those there were, that waits asleep.
-pid_t newSleeper(const std::vector<pid_t>& before) {
-  pid_t found = 0;
-  waitUntil(
-      [&] {
-        for (pid_t pid : children()) {
-          if (std::find(before.begin(), before.end(), pid) == before.end()) found = pid;
-        }
-        return found != 0 && asleep(found);
-      },
-      forProgram(Millis(5000)));
-  return found;
 }
 
 // A request under way in a thread, until it ends or the server gives up on it.
@@ -283,12 +249,18 @@ struct Pending {
   explicit Pending(const std::string& query)
       : result(std::async(std::launch::async, [this, query] {
           CgiRequest request = {query};
-          request.giveUpWhen = [this](const CgiResult&) { return givenUp.load(); };
+          request.giveUpWhen = [this](const CgiResult& sofar) {
+            return pid = sofar.pid, givenUp.load();
+          };
           return runCgi(request, Millis(60000));
         })) {}
   ~Pending() { givenUp = true; }
   CgiResult giveUp() { return givenUp = true, result.get(); }
+  bool comesToSleep() {
+    return waitUntil([this] { return pid && asleep(pid); }, forProgram());
+  }
 
+  std::atomic<pid_t> pid = 0;
   std::atomic<bool> givenUp = false;
   std::future<CgiResult> result;  // last: it runs once givenUp exists
 };
@@ -298,17 +270,17 @@ struct Pending {
 TEST(RequestTest, TheDaemonGoesAwayDuringAWrite) {
   const std::string query = "write=/configuration/network/ip_addr&value=10.0.0.5";
   const std::string reply = written("/configuration/network/ip_addr", "10.0.0.5");
-  const std::string asleep = "", lastPut = "put /configuration/network/ip_addr";
+  const std::string sleeping = "", lastPut = "put /configuration/network/ip_addr";
   const struct {
     Fault fault;
-    std::string at, output;  // `asleep`: it waits until the web server gives up
+    std::string at, output;  // `sleeping`: it waits until the web server gives up
   } rows[] = {{Fault::HangUpAfterGreeting, "", kRefused},
               {Fault::Reset, "ls ", kRefused},
-              {Fault::HangUp, "ls ", asleep},
+              {Fault::HangUp, "ls ", sleeping},
               {Fault::Reset, "put ", kRefused},
-              {Fault::HangUp, "put ", asleep},
+              {Fault::HangUp, "put ", sleeping},
               {Fault::Reset, lastPut, kRefused},
-              {Fault::HangUp, lastPut, asleep},
+              {Fault::HangUp, lastPut, sleeping},
               {Fault::Reset, "apply", reply},
               {Fault::HangUp, "apply", reply},
               {Fault::Reset, "save", reply},
@@ -316,9 +288,9 @@ TEST(RequestTest, TheDaemonGoesAwayDuringAWrite) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.at + (row.fault == Fault::Reset ? " reset" : " hang-up"));
     FixedDaemon sim(withFault(row.fault, row.at));
-    const bool waits = row.output == asleep;
+    const bool waits = row.output == sleeping;
     Pending request(query);
-    EXPECT_TRUE(!waits || newSleeper({}) != 0) << "never asleep";
+    EXPECT_TRUE(!waits || request.comesToSleep()) << "never asleep";
     const CgiResult result = waits ? request.giveUp() : request.result.get();
     EXPECT_EQ(row.output, result.output);
     EXPECT_EQ(0, result.exitStatus) << "killed";
@@ -327,12 +299,12 @@ TEST(RequestTest, TheDaemonGoesAwayDuringAWrite) {
   }
   // A daemon that does not answer apply: the child waits asleep, in a session
   // of its own, the web server's streams and the lock let go.
-  Options slowApply;
-  slowApply.delayCommand = "apply", slowApply.delayMs = 60000;
-  FixedDaemon sim(slowApply);
+  FixedDaemon sim(delayed("apply", 60000));
   EXPECT_EQ(reply, runCgi({query}).output);
-  const pid_t child = newSleeper({});
-  ASSERT_NE(0, child);
+  std::vector<pid_t> left;  // the request was reaped: the child alone
+  const auto alone = [&] { return (left = children()).size() == 1 && asleep(left[0]); };
+  ASSERT_TRUE(waitUntil(alone, forProgram()));
+  const pid_t child = left[0];
   for (const char* fd : {"/fd/0", "/fd/1", "/fd/2"}) {
     EXPECT_EQ("/dev/null", std::filesystem::read_symlink("/proc/" + std::to_string(child) + fd));
   }
@@ -346,18 +318,15 @@ TEST(RequestTest, TheDaemonGoesAwayDuringAWrite) {
 // configuration: else a write computes from old values, a read sees half a write.
 TEST(RequestTest, RequestsThatMeetTakeTurns) {
   const std::string net = "write=/configuration/network/";
-  Options slow, slowPuts;
-  slow.delayMs = 3;
-  slowPuts.delayCommand = "put", slowPuts.delayMs = 300;
   const struct {
     std::string first, second;
     Options daemon;
     std::string secondAfter = "";  // the daemon has seen a request that starts so
   } rows[] = {
-      {net + "ip_addr&value=10.0.0.5", net + "subnet_mask&value=255.255.0.0", slow},
+      {net + "ip_addr&value=10.0.0.5", net + "subnet_mask&value=255.255.0.0", delayed("", 3)},
       {net + "ip_addr&value=10.0.0.5",
-       "read=/configuration/network/ip_addr,/configuration/network/broadcast_addr", slowPuts,
-       "put /configuration/network/broadcast_addr"},
+       "read=/configuration/network/ip_addr,/configuration/network/broadcast_addr",
+       delayed("put", 300), "put /configuration/network/broadcast_addr"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.first + " then " + row.second);
@@ -379,7 +348,7 @@ TEST(RequestTest, RequestsThatMeetTakeTurns) {
         return line.rfind(row.secondAfter, 0) == 0;
       });
     };
-    EXPECT_TRUE(waitUntil(seen, forProgram(Millis(5000))));
+    EXPECT_TRUE(waitUntil(seen, forProgram()));
     const CgiResult second = runCgi({row.second});
     EXPECT_EQ(alone, (Strings{first.result.get().output, second.output}));
     EXPECT_TRUE(reapAllChildren());
@@ -391,19 +360,15 @@ TEST(RequestTest, RequestsThatMeetTakeTurns) {
 // themselves once the web server gives up on them; the next write goes through.
 TEST(RequestTest, RequestsThatNobodyWaitsForEndAndPassTheirTurnOn) {
   // Silent from the first read on, long before the write is done.
-  Options silentReads;
-  silentReads.delayCommand = "ls", silentReads.delayMs = 600000;
-  std::optional<FixedDaemon> silent(silentReads);
+  std::optional<FixedDaemon> silent(delayed("ls", 600000));
   const std::string write = "write=/configuration/network/hostname&value=";
   Pending stuck(write + "stuck");
-  ASSERT_TRUE(waitUntil([&] { return !silent->transcript().empty(); }, forProgram(Millis(5000))));
-  const std::vector<pid_t> before = children();
+  ASSERT_TRUE(waitUntil([&] { return !silent->transcript().empty(); }, forProgram()));
   Pending queued(write + "queued");
-  const pid_t waiting = newSleeper(before);
-  ASSERT_NE(0, waiting);
+  ASSERT_TRUE(queued.comesToSleep());
   // It waits for its turn before connecting: no daemon connection, no socket.
   for (const auto& fd :
-       std::filesystem::directory_iterator("/proc/" + std::to_string(waiting) + "/fd")) {
+       std::filesystem::directory_iterator("/proc/" + std::to_string(queued.pid) + "/fd")) {
     std::error_code gone;  // a descriptor that an emulator closed meanwhile
     EXPECT_EQ(std::string::npos, std::filesystem::read_symlink(fd, gone).string().find("socket:"));
   }

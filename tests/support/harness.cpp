@@ -110,8 +110,7 @@ bool asleep(pid_t pid) {
 bool reapAllChildren(Millis limit) {
   return waitUntil(
       [] {
-        while (waitpid(-1, nullptr, WNOHANG) > 0) {
-        }
+        while (waitpid(-1, nullptr, WNOHANG) > 0) continue;
         return children().empty();
       },
       forProgram(limit));
@@ -127,8 +126,7 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
   if (result.pid == 0) execCgi(request, in[0], out[1]);
   close(in[0]);
   close(out[1]);
-  // Body and reply move together, neither side blocking; a program that
-  // stops reading early must not kill the test.
+  // Body and reply move together, neither blocking; one that stops reading must not kill us.
   signal(SIGPIPE, SIG_IGN);
   fcntl(in[1], F_SETFL, O_NONBLOCK);
   fcntl(out[0], F_SETFL, O_NONBLOCK);
@@ -176,13 +174,10 @@ SyslogCapture::~SyslogCapture() {
 Log SyslogCapture::of(pid_t pid, bool others) {
   char buffer[65536];
   for (ssize_t n; (n = recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT)) >= 0;) {
-    const std::string raw(buffer, static_cast<size_t>(n)), ident = "tzr4417.cgi[";
-    // "<PRI>" and a 16-character time stamp "Mmm dd hh:mm:ss " come first.
-    const size_t from = raw.find('>') + 17, end = raw.find("]: ");
-    const bool ours = raw[0] == '<' && end != std::string::npos && from <= raw.size() &&
-                      raw.compare(from, ident.size(), ident) == 0;
-    lines_.push_back({ours ? atoi(&raw[from + ident.size()]) : 0,
-                      {ours ? atoi(&raw[1]) : -1, ours ? raw.substr(end + 3) : raw}});
+    const std::string raw(buffer, static_cast<size_t>(n));
+    int priority = -1, from = 0, text = 0;  // text: past "]:", once all before it matched
+    sscanf(raw.c_str(), "<%d>%*15c tzr4417.cgi[%d]:%n", &priority, &from, &text);
+    lines_.push_back({text ? from : 0, {text ? priority : -1, text ? raw.substr(text + 1) : raw}});
   }
   Log log;
   for (const auto& [from, line] : lines_) {

@@ -15,7 +15,7 @@ bool reapAllChildren(Millis limit = Millis(5000));
 bool asleep(pid_t pid);
 
 // `limit` for something the program does, longer when a checker runs it.
-Millis forProgram(Millis limit);
+Millis forProgram(Millis limit = Millis(5000));
 
 struct CgiResult {
   std::string output;
@@ -29,10 +29,8 @@ struct CgiRequest {
   std::string body = {};  // CONTENT_LENGTH is its size unless `env` sets one
   std::string contentType = "application/x-www-form-urlencoded";
   std::vector<std::pair<std::string, std::string>> env = {};
-  // As a user that no other process is, allowed no second process: fork fails.
-  bool forkFails = false;
-  // Asked, with the output so far, while the program runs.
-  std::function<bool(const CgiResult& sofar)> giveUpWhen = {};
+  bool forkFails = false;  // run as a user of its own allowed one process: fork fails
+  std::function<bool(const CgiResult& sofar)> giveUpWhen = {};  // asked as it runs
 };
 
 // One run of tzr4417.cgi as a web server makes it: stdout read until every holder
@@ -40,17 +38,22 @@ struct CgiRequest {
 // two seconds, kills). TZR_CGI_WRAPPER is a command to run it under (memcheck).
 CgiResult runCgi(const CgiRequest& request, Millis limit = Millis(5000));
 
+// Replies to `command` ("": to every request, and the greeting) held back `ms` milliseconds.
+inline Options delayed(const std::string& command, int ms) {
+  Options options;
+  options.delayCommand = command, options.delayMs = ms;
+  return options;
+}
+
 // The simulator on the program's own socket, "/tmp/cffs_uds".
 struct FixedDaemon : InProcessSimulator {
   explicit FixedDaemon(Options options = {}, const ParameterMap& tree = defaultTree())
       : InProcessSimulator(tree, (options.socketPath = kApplianceSocket, options)) {}
 };
 
-// (priority, message) pairs, e.g. (LOG_USER | LOG_INFO, "Setting ...").
-using Log = std::vector<std::pair<int, std::string>>;
+using Log = std::vector<std::pair<int, std::string>>;  // (priority, message)
 
-// Binds /dev/log and parses "<PRI>Mmm dd hh:mm:ss tzr4417.cgi[PID]: TEXT"
-// (any other datagram whole, priority -1).
+// Binds /dev/log; parses "<PRI>Mmm dd hh:mm:ss tzr4417.cgi[PID]: TEXT", others whole (-1).
 class SyslogCapture {
  public:
   SyslogCapture();

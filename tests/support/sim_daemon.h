@@ -20,8 +20,7 @@ using Millis = std::chrono::milliseconds;
 // Checks `done` every millisecond until it holds or `limit` has passed.
 bool waitUntil(const std::function<bool()>& done, Millis limit = Millis(5000));
 
-// The default appliance configuration shipped with the simulator.
-ParameterMap defaultTree();
+ParameterMap defaultTree();  // the appliance's, shipped with the simulator
 
 // Whether another request could have the lock at `path` at once (none without its file).
 bool lockIsFree(const std::string& path);
