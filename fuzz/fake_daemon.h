@@ -1,9 +1,5 @@
-// The configuration daemon, played in process for the fuzz targets. Its
-// connect(), send(), recv() and poll() replace the C library's: connect()
-// always succeeds, send() checks each request line, recv() hands out the
-// script in chunks of fuzzer-chosen sizes, poll() finds every descriptor
-// ready: deterministic, in one thread. Its LLVMFuzzerInitialize keeps the lock
-// files in a private temporary folder, as any user, and mutes syslog and stdout.
+// The configuration daemon played in process for the fuzz targets (docs/testing.md):
+// its connect(), send(), recv() and poll() replace the C library's.
 #ifndef TZR_FUZZ_FAKE_DAEMON_H_
 #define TZR_FUZZ_FAKE_DAEMON_H_
 
@@ -11,8 +7,7 @@
 
 #include "config_client/daemon_setup.h"
 
-// Where the client finds the fake daemon and its lock.
-const DaemonSetup& fakeDaemon();
+const DaemonSetup& fakeDaemon();  // where the client finds it and its lock
 
 // Scripts the next connection from `in`: a greeting and one answer a request
 // from its front, how they are cut and how they end from its end.

@@ -1,6 +1,4 @@
-// cgicc parses an environment and a body of the fuzzer's bytes, and the
-// request runs against the fake daemon. fork() fails here, so a write runs to
-// its end on the program's own fork-failure path.
+// A request of the fuzzer's bytes through cgicc (docs/testing.md); fork() fails here.
 #include <cgicc/CgiInput.h>
 #include <errno.h>
 #include <stdlib.h>

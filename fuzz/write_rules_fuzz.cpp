@@ -1,5 +1,4 @@
-// The write service's rules on any written name and value, with any values
-// stored in the daemon, then the puts.
+// The rules on any written name, value and stored values, then the puts.
 #include <stdexcept>
 
 #include "fake_daemon.h"

@@ -16,8 +16,7 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-// Sends `request` (nothing if empty) on `fd`; what came back up to the
-// prompt, and how that ended if it did not.
+// Sends `request` (unless empty) on `fd`; what came back up to the prompt, or how it ended.
 std::string exchange(int fd, const std::string& request) {
   const std::string line = request + "\r";
   if (!request.empty() && send(fd, line.data(), line.size(), MSG_NOSIGNAL) < 0) {

@@ -1,5 +1,3 @@
-// What the simulator stores, without a socket: its escaping, the tree file and
-// its atomic save, and what a put stores.
 #include "simulator/tree.h"
 
 #include <gtest/gtest.h>

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <filesystem>
 #include <future>
-#include <memory>
 #include <optional>
 #include <regex>
 
@@ -32,8 +31,7 @@ const ParameterMap kExtra = {{"/a", "1"},
                              {"/n", "no such file or directory"},
                              {"/t\tab", "tabbed"}};
 
-// A request, the reply bytes it gets, what reached the daemon, and (by name)
-// what else it does. A row that pins a deliberate behaviour says so in its name.
+// A request, the reply bytes it gets, what reached the daemon, and what else it does.
 struct Row {
   CgiRequest request;
   std::string output;
@@ -47,7 +45,6 @@ struct Row {
   std::function<void()> lockFiles = {};  // made in place of the program's own, removed after
 
   Row named(std::string why) { return what = why, *this; }
-  Row sends(Strings requests) { return sent = requests, *this; }
   Row logs(Log lines) { return log = lines, *this; }
   Row childLogs(Log lines) { return child = lines, *this; }
   Row against(std::optional<Options> simulator) { return daemon = simulator, *this; }
@@ -64,13 +61,12 @@ void check(const Row& row, bool write) {
   SyslogCapture log;
   if (row.lockFiles) std::remove(kLock), std::remove(kQueue), row.lockFiles();
   {
-    std::unique_ptr<InProcessSimulator> sim(
-        row.daemon ? new InProcessSimulator(tree, fixedSocket(*row.daemon)) : nullptr);
+    std::optional<FixedDaemon> sim;
+    if (row.daemon) sim.emplace(*row.daemon, tree);
     CgiResult result = runCgi(row.request);
     EXPECT_EQ(row.exitStatus, result.exitStatus);
     EXPECT_EQ(row.output, result.output);
-    waitUntil([&] { return log.of(result.pid, true).size() >= row.child.size(); },
-              forProgram(Millis(5000)));
+    waitUntil([&] { return log.of(result.pid, true).size() >= row.child.size(); }, forProgram());
     EXPECT_EQ(row.sent, sim ? sim->transcript(!write) : Strings{});
     EXPECT_EQ(row.daemon && row.daemon->fault != Fault::None, sim && sim->faulted());
     EXPECT_EQ(row.log, log.of(result.pid));
@@ -83,12 +79,6 @@ void check(const Row& row, bool write) {
 // main() ends it at once, status 1, before cgicc sets aside the body it claims.
 Row tooLong(CgiRequest request) { return Row{request, ""}.exits(1); }
 
-// A request that main() ends: an exception it answers 500 to, and logs after `log`.
-Row thrown(CgiRequest request, const std::string& exception, Log log = {}) {
-  log.push_back({kError, "Caught exception " + exception});
-  return Row{request, k500 + "Exception " + exception + "\n"}.logs(log);
-}
-
 std::string json(const std::string& line) { return kJson + line + "\n"; }
 
 using Env = std::vector<std::pair<std::string, std::string>>;
@@ -96,15 +86,6 @@ using Env = std::vector<std::pair<std::string, std::string>>;
 CgiRequest post(std::string body, Env env = {}, const char* method = "POST",
                 const char* query = "") {
   return {query, method, body, "application/x-www-form-urlencoded", env};
-}
-
-// A read whose server gives up on it once the headers are in and it waits.
-CgiRequest answered(std::string query) {
-  CgiRequest request = {query};
-  request.giveUpWhen = [](const CgiResult& sofar) {
-    return !sofar.output.empty() && asleep(sofar.pid);
-  };
-  return request;
 }
 
 std::string times(int count, const std::string& text) {
@@ -117,6 +98,8 @@ TEST(RequestTest, ReadsAndDispatch) {
   const std::string a = json(R"({ "\/a": "1" })");
   const Strings lsA = {R"(ls /a\r)"}, lsAB = {R"(ls /a\r)", R"(ls /b\r)"};
   const Env limit6 = {{"CGICC_MAX_CONTENTLENGTH", "6"}};  // 7 bytes: read=/a
+  CgiRequest answered = {"read=/a,/b"};  // given up on once the headers are in and it waits
+  answered.giveUpWhen = [](const CgiResult& r) { return !r.output.empty() && asleep(r.pid); };
   const Row rows[] = {
       {{"read=/a,/x+y,/nothing,/t%09ab,/a%zz,/n,/b%2"},
        json(R"({ "\/a": "1", "\/t\tab": "tabbed", "\/n": "no such file or directory", )"
@@ -128,15 +111,15 @@ TEST(RequestTest, ReadsAndDispatch) {
       // Values escaped, raw bytes passed as they are; invalid names as received.
       Row{{"read=/q,/u,/%22x%5C,/%C3%A9%01"},
           json("{ \"\\/q\": \"say \\\"hi\\\" \\\\ back\\nx\", \"\\/u\": \"caf\xC3\xA9\x01\", "
-               "\"invalid\": [ \"/\"x\\\", \"/\xC3\xA9\x01\" ] }")}
-          .named("invalid names deliberately as received (invalid JSON)")
-          .sends({R"(ls /q\r)", R"(ls /u\r)", R"(ls /"x\\\r)", "ls /\xC3\xA9\\x01\\r"}),
+               "\"invalid\": [ \"/\"x\\\", \"/\xC3\xA9\x01\" ] }"),
+          {R"(ls /q\r)", R"(ls /u\r)", R"(ls /"x\\\r)", "ls /\xC3\xA9\\x01\\r"}}
+          .named("invalid names deliberately as received (invalid JSON)"),
       // Line breaks are stripped from the list; a NUL is never sent.
       {{"read=/a,%0D%0A/b"}, json(R"({ "\/a": "1", "\/b": "two words" })"), lsAB},
       Row{{"read=/b%00save,/a"},
-          json(R"({ "\/a": "1", "invalid": [ "/b)" + std::string(1, '\0') + R"(save" ] })")}
-          .named("a NUL never sent; the name deliberately as received")
-          .sends(lsA),
+          json(R"({ "\/a": "1", "invalid": [ "/b)" + std::string(1, '\0') + R"(save" ] })"),
+          lsA}
+          .named("a NUL never sent; the name deliberately as received"),
       {{"read=" + times(10000, "/a,")},
        json("{ " + times(9999, R"("\/a": "1", )") + R"("\/a": "1" })"),
        Strings(10000, lsA[0])},
@@ -144,10 +127,8 @@ TEST(RequestTest, ReadsAndDispatch) {
        json(R"({ "invalid": [ )" + times(199999, R"("/x y", )") + R"("/x y" ] })")},
       Row{{"read="}, k400}.logs({{kError, "No parameter names in read request"}}),
       Row{{"read="}, k500}.against(std::nullopt),
-      // Lock files that another user could have planted: refused at once.
-      Row{{"read=/a"}, k500}
-          .finding([] { EXPECT_EQ(0, mkfifo(kQueue, 0644)); })
-          .logs({{kError, "Refusing lock file /tmp/cffs_uds.queue: not a regular file"}}),
+      // Lock files that another user could have planted: refused at once, and logged
+      // (a FIFO, a directory and the queue's file: unit/'s DaemonLockTest).
       Row{{"read=/a"}, k500}
           .finding([] { EXPECT_EQ(0, symlink(kQueue, kLock)); })
           .logs({{kError, "Refusing lock file /tmp/cffs_uds.lock: not a regular file"}}),
@@ -157,7 +138,7 @@ TEST(RequestTest, ReadsAndDispatch) {
       Row{{"read=/a,/b,/a"}, json(R"({ "\/a": "1", "invalid": [ "/b", "/a" ] })"), lsA}.against(
           withFault(Fault::Reset, "ls /b")),
       // The headers leave before the dialogue, even one that never finishes.
-      Row{answered("read=/a,/b"), kJson, lsAB}.against(withFault(Fault::HangUp, "ls /b")),
+      Row{answered, kJson, lsAB}.against(withFault(Fault::HangUp, "ls /b")),
       // A read goes before a write; a write needs a value; nothing asked, nothing answered.
       {{"read=/a&write=/b&value=c"}, a, lsA},
       {{"value=c"}, ""},
@@ -182,80 +163,60 @@ std::string written(const std::string& name, const std::string& value, const cha
          "\", \"value\": \"" + value + "\", \"reply\": \"" + reply + "\" }\n";
 }
 
-// The puts, then the detached child's apply and save.
-Strings saved(Strings puts) {
-  puts.insert(puts.end(), {"apply\\r", "save\\r"});
-  return puts;
-}
-
 std::pair<int, std::string> set(const std::string& path, const std::string& value) {
   return {kInfo, "Setting parameter " + path + " to " + value};
 }
 
-std::string put(const std::string& path, const std::string& value) {
-  return "put " + path + " " + value + "\\r";
-}
+std::string put(const std::string& p, const std::string& v) { return "put " + p + " " + v + "\\r"; }
 
-// A write that goes through: its reply, the puts, the "Setting" lines of the
-// write and then of what the rules record, the child's apply and save.
-Row through(const std::string& name, const std::string& value, const Strings& puts, Log log) {
-  log.insert(log.begin(), set(name, value));
-  return Row{{"write=" + name + "&value=" + value}, written(name, value), saved(puts)}
-      .logs(log)
-      .childLogs(kApplied);
-}
-
-// A write refused before anything is sent: the failed-write 500; the child
-// deliberately logs "Applied and saved" all the same.
-Row refused(const std::string& query, const std::string& name, const std::string& value) {
-  return Row{{query}, kRefused}
-      .logs({set(name, value)})
-      .childLogs(kApplied)
-      .named("refused, yet \"Applied and saved\" logged");
+// A write that goes through: `value` as in the query, `shown` as in the reply.
+Row through(const std::string& name, const std::string& value, const std::string& shown,
+            Strings puts, const Log& log) {
+  puts.insert(puts.end(), {"apply\\r", "save\\r"});  // the detached child's
+  Row row = {{"write=" + name + "&value=" + value}, written(name, shown), puts};
+  return row.logs(log).childLogs(kApplied);
 }
 
 TEST(RequestTest, Writes) {
-  const std::string net = "/configuration/network/", ip = net + "ip_addr", host = net + "hostname";
-  const std::string out = "/configuration/outputs/", total = out + "ts/muxer/mux1/bitrate";
+  const std::string host = "/configuration/network/hostname", venc = "/configuration/encoders/venc";
+  const std::string out = "/configuration/outputs/", mux = out + "ts/muxer/mux1/";
   const std::string rtsp = out + "rtsp/streams/stream1/aenc",
                     rtmp = out + "rtmp/streams/stream1/aenc";
-  const std::string audio = out + "ts/muxer/mux1/component2/encoder";
-  const std::string autoFc = "/configuration/encoders/venc1/frame_ctrl/auto";
-  const std::string recorder = out + "recorder/enable";
-  const std::string venc = "/configuration/encoders/venc",
-                    mode = "/configuration/inputs/video/mode";
+  const std::string total = mux + "bitrate", audio = mux + "component2/encoder";
+  const std::string recorder = out + "recorder/enable", autoFc = venc + "1/frame_ctrl/auto";
+  const std::string mode = "/configuration/inputs/video/mode";
+  const std::string tooShort =
+      "basic_string::compare: __pos (which is 29) > this->size() (which is 28)";
   CgiRequest forkFails = {"write=" + host + "&value=studio"};
   forkFails.forkFails = true;
-  Options notListening;
-  notListening.noListen = true;
-  const auto plain = [&](const std::string& value, const std::string& shown,
-                         const std::string& sent, const std::string& logged) {
-    return Row{
-        {"write=" + host + "&value=" + value}, written(host, shown), saved({put(host, sent)})}
-        .logs({set(host, logged)})
-        .childLogs(kApplied);
+  const auto refused = [&](const std::string& value, const std::string& logged) {
+    return Row{{"write=" + mode + "&value=" + value}, kRefused}
+        .logs({set(mode, logged)})
+        .childLogs(kApplied)
+        .named("refused, yet \"Applied and saved\" logged");
   };
   const Row rows[] = {
-      plain("", R"(\"\")", "\"\"", ""),
-      plain("a%20b", R"(\"a b\")", "\"a b\"", "a b"),
-      plain("a%0Bb", "\\\"a\vb\\\"", "\"a\\x0Bb\"", "a\vb"),
-      plain("a%0Cb", R"(\"a\fb\")", "\"a\\x0Cb\"", "a\fb"),
-      plain("a%09b", R"(\"a\tb\")", "\"a\\tb\"", "a\tb"),
-      plain("caf%C3%A9%01", "caf\xC3\xA9\x01", "caf\xC3\xA9\\x01", "caf\xC3\xA9\x01"),
+      through(host, "", R"(\"\")", {put(host, "\"\"")}, {set(host, "")}),
+      through(host, "a%20b", R"(\"a b\")", {put(host, "\"a b\"")}, {set(host, "a b")}),
+      through(host, "a%0Bb", "\\\"a\vb\\\"", {put(host, "\"a\\x0Bb\"")}, {set(host, "a\vb")}),
+      through(host, "a%0Cb", R"(\"a\fb\")", {put(host, "\"a\\x0Cb\"")}, {set(host, "a\fb")}),
+      through(host, "a%09b", R"(\"a\tb\")", {put(host, "\"a\\tb\"")}, {set(host, "a\tb")}),
+      through(host, "caf%C3%A9%01", "caf\xC3\xA9\x01", {put(host, "caf\xC3\xA9\\x01")},
+              {set(host, "caf\xC3\xA9\x01")}),
       // The daemon answers a put too long for it, and the answer is shown;
       // the "Setting" line is too long for the system log, which drops it.
       Row{post("write=" + host + "&value=" + times(1 << 20, "x")),
           written(host, times(1 << 20, "x"), R"(Request too long\r\n)"),
-          saved({"put " + host + " " + times(28, "x") + "... (1048613 bytes)"})}
+          {"put " + host + " " + times(28, "x") + "... (1048613 bytes)", "apply\\r", "save\\r"}}
           .logs({{kInfo, "Reply from \"put\": Request too long\r\n"}})
           .childLogs(kApplied),
       // The written value is recorded first: a rule may replace it.
-      through(autoFc, "no", {put(autoFc, "yes")}, {set(autoFc, "yes")}).over({{autoFc, "no"}}),
-      // Each rule sees what the earlier ones recorded, in the multiplexer's total;
-      // the puts go out in byte order of names, then the child applies and saves.
-      through(rtsp, "3",
+      through(autoFc, "no", "no", {put(autoFc, "yes")}, {set(autoFc, "no"), set(autoFc, "yes")})
+          .over({{autoFc, "no"}}),
+      // Each rule sees what the earlier ones recorded, in the multiplexer's total.
+      through(rtsp, "3", "3",
               {put(rtmp, "3"), put(rtsp, "3"), put(total, "4402526"), put(audio, "aenc3")},
-              {set(rtmp, "3"), set(audio, "aenc3"), set(total, "4402526")}),
+              {set(rtsp, "3"), set(rtmp, "3"), set(audio, "aenc3"), set(total, "4402526")}),
       // A failed put answers 500 with the daemon's text; the child sends nothing,
       // logs the put's answer under apply's and save's labels.
       Row{{"write=&value=x"}, k500 + "Usage: put PATH VALUE\r\n\n", {"put  x\\r"}}
@@ -267,35 +228,20 @@ TEST(RequestTest, Writes) {
           .named("a failed put, yet \"Applied and saved\" logged")
           .over({{recorder, "no"}}),
       // When fork fails, the one process applies and saves before it ends.
-      Row{forkFails, written(host, "studio"), saved({put(host, "studio")})}.logs(
+      Row{forkFails, written(host, "studio"), {put(host, "studio"), "apply\\r", "save\\r"}}.logs(
           {set(host, "studio"),
            {LOG_USER | LOG_WARNING, "Failed to fork child process, continuing in parent process"},
            kApplied[0]}),
-      Row{{"write=" + ip + "&value=10.0.0.5"}, k500}.against(notListening),
-      thrown({"write=" + venc + "&value=1"},
-             "basic_string::compare: __pos (which is 29) > this->size() (which is 28)",
-             {set(venc, "1")}),
-      // What cannot go out as one line with a one-word name is sent not at all (which
-      // is: unit/'s client). A line break is quoted first, so no rule takes
-      // "single\n2" for single_2.
-      refused("write=" + mode + "&value=single%0A2", mode, "single\n2"),
-      refused("write=" + mode + "&value=single%0D2", mode, "single\r2"),
+      Row{{"write=" + host + "&value=x"}, k500}.against(std::nullopt),
+      // Too short for a rule's compare: main() answers 500 and logs the exception.
+      Row{{"write=" + venc + "&value=1"}, k500 + "Exception " + tooShort + "\n"}.logs(
+          {set(venc, "1"), {kError, "Caught exception " + tooShort}}),
+      // A line break is quoted first, so no rule takes "single\n2" for single_2; the client
+      // then refuses the value (unit/), the child logs "Applied and saved" all the same.
+      refused("single%0A2", "single\n2"),
+      refused("single%0D2", "single\r2"),
   };
   for (const Row& row : rows) check(row, true);
-}
-
-// The first child, beside those there were, that waits asleep.
-pid_t newSleeper(const std::vector<pid_t>& before) {
-  pid_t found = 0;
-  waitUntil(
-      [&] {
-        for (pid_t pid : children()) {
-          if (std::find(before.begin(), before.end(), pid) == before.end()) found = pid;
-        }
-        return found != 0 && asleep(found);
-      },
-      forProgram(Millis(5000)));
-  return found;
 }
 
 // A request under way in a thread, until it ends or the server gives up on it.
@@ -303,46 +249,48 @@ struct Pending {
   explicit Pending(const std::string& query)
       : result(std::async(std::launch::async, [this, query] {
           CgiRequest request = {query};
-          request.giveUpWhen = [this](const CgiResult&) { return givenUp.load(); };
+          request.giveUpWhen = [this](const CgiResult& sofar) {
+            return pid = sofar.pid, givenUp.load();
+          };
           return runCgi(request, Millis(60000));
         })) {}
   ~Pending() { givenUp = true; }
   CgiResult giveUp() { return givenUp = true, result.get(); }
+  bool comesToSleep() {
+    return waitUntil([this] { return pid && asleep(pid); }, forProgram());
+  }
 
+  std::atomic<pid_t> pid = 0;
   std::atomic<bool> givenUp = false;
   std::future<CgiResult> result;  // last: it runs once givenUp exists
 };
 
-// The daemon goes away after its greeting, at a write's first read, first and
-// last put, apply and save. After a reset the request ends at once: 500 before
-// the puts went through, the reply after. After a hang-up before apply it
-// sleeps until the web server gives up on it (that it lets go of the lock is
-// the connection's unit row). The detached child, which nobody waits for,
-// ends at once.
+// docs/testing.md, "A daemon that goes away"; that a request asleep lets go of
+// the lock is the connection's unit row.
 TEST(RequestTest, TheDaemonGoesAwayDuringAWrite) {
   const std::string query = "write=/configuration/network/ip_addr&value=10.0.0.5";
   const std::string reply = written("/configuration/network/ip_addr", "10.0.0.5");
-  const std::string asleep = "", lastPut = "put /configuration/network/ip_addr";
+  const std::string sleeping = "", lastPut = "put /configuration/network/ip_addr";
   const struct {
     Fault fault;
-    std::string at, output;  // `asleep`: it waits until the web server gives up
+    std::string at, output;  // `sleeping`: it waits until the web server gives up
   } rows[] = {{Fault::HangUpAfterGreeting, "", kRefused},
               {Fault::Reset, "ls ", kRefused},
-              {Fault::HangUp, "ls ", asleep},
+              {Fault::HangUp, "ls ", sleeping},
               {Fault::Reset, "put ", kRefused},
-              {Fault::HangUp, "put ", asleep},
+              {Fault::HangUp, "put ", sleeping},
               {Fault::Reset, lastPut, kRefused},
-              {Fault::HangUp, lastPut, asleep},
+              {Fault::HangUp, lastPut, sleeping},
               {Fault::Reset, "apply", reply},
               {Fault::HangUp, "apply", reply},
               {Fault::Reset, "save", reply},
               {Fault::HangUp, "save", reply}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.at + (row.fault == Fault::Reset ? " reset" : " hang-up"));
-    InProcessSimulator sim(defaultTree(), fixedSocket(withFault(row.fault, row.at)));
-    const bool waits = row.output == asleep;
+    FixedDaemon sim(withFault(row.fault, row.at));
+    const bool waits = row.output == sleeping;
     Pending request(query);
-    EXPECT_TRUE(!waits || newSleeper({}) != 0) << "never asleep";
+    EXPECT_TRUE(!waits || request.comesToSleep()) << "never asleep";
     const CgiResult result = waits ? request.giveUp() : request.result.get();
     EXPECT_EQ(row.output, result.output);
     EXPECT_EQ(0, result.exitStatus) << "killed";
@@ -351,12 +299,12 @@ TEST(RequestTest, TheDaemonGoesAwayDuringAWrite) {
   }
   // A daemon that does not answer apply: the child waits asleep, in a session
   // of its own, the web server's streams and the lock let go.
-  Options slowApply;
-  slowApply.delayCommand = "apply", slowApply.delayMs = 60000;
-  InProcessSimulator sim(defaultTree(), fixedSocket(slowApply));
+  FixedDaemon sim(delayed("apply", 60000));
   EXPECT_EQ(reply, runCgi({query}).output);
-  const pid_t child = newSleeper({});
-  ASSERT_NE(0, child);
+  std::vector<pid_t> left;  // the request was reaped: the child alone
+  const auto alone = [&] { return (left = children()).size() == 1 && asleep(left[0]); };
+  ASSERT_TRUE(waitUntil(alone, forProgram()));
+  const pid_t child = left[0];
   for (const char* fd : {"/fd/0", "/fd/1", "/fd/2"}) {
     EXPECT_EQ("/dev/null", std::filesystem::read_symlink("/proc/" + std::to_string(child) + fd));
   }
@@ -365,38 +313,34 @@ TEST(RequestTest, TheDaemonGoesAwayDuringAWrite) {
   kill(child, SIGKILL);
 }
 
-// Requests that meet take turns: a second one started while the first is under
-// way (the daemon slowed to widen the window) ends as it would after the first,
-// and so does the configuration. Without turns each write would compute from
-// the other's old values, and a read between two puts would see half a write.
+// A second request started while the first is under way (the daemon slowed to
+// widen the window) ends as it would after the first, and so does the
+// configuration: else a write computes from old values, a read sees half a write.
 TEST(RequestTest, RequestsThatMeetTakeTurns) {
   const std::string net = "write=/configuration/network/";
-  Options slow, slowPuts;
-  slow.delayMs = 3;
-  slowPuts.delayCommand = "put", slowPuts.delayMs = 300;
   const struct {
     std::string first, second;
     Options daemon;
     std::string secondAfter = "";  // the daemon has seen a request that starts so
   } rows[] = {
-      {net + "ip_addr&value=10.0.0.5", net + "subnet_mask&value=255.255.0.0", slow},
+      {net + "ip_addr&value=10.0.0.5", net + "subnet_mask&value=255.255.0.0", delayed("", 3)},
       {net + "ip_addr&value=10.0.0.5",
-       "read=/configuration/network/ip_addr,/configuration/network/broadcast_addr", slowPuts,
-       "put /configuration/network/broadcast_addr"},
+       "read=/configuration/network/ip_addr,/configuration/network/broadcast_addr",
+       delayed("put", 300), "put /configuration/network/broadcast_addr"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.first + " then " + row.second);
     Strings alone;
     ParameterMap saved;
     {
-      InProcessSimulator sim(defaultTree(), fixedSocket());
+      FixedDaemon sim;
       for (const std::string& query : {row.first, row.second}) {
         alone.push_back(runCgi({query}).output);
         ASSERT_TRUE(reapAllChildren());
       }
       saved = sim.savedTree();
     }
-    InProcessSimulator sim(defaultTree(), fixedSocket(row.daemon));
+    FixedDaemon sim(row.daemon);
     Pending first(row.first);
     const auto seen = [&] {
       const Strings sent = sim.transcript();
@@ -404,7 +348,7 @@ TEST(RequestTest, RequestsThatMeetTakeTurns) {
         return line.rfind(row.secondAfter, 0) == 0;
       });
     };
-    EXPECT_TRUE(waitUntil(seen, forProgram(Millis(5000))));
+    EXPECT_TRUE(waitUntil(seen, forProgram()));
     const CgiResult second = runCgi({row.second});
     EXPECT_EQ(alone, (Strings{first.result.get().output, second.output}));
     EXPECT_TRUE(reapAllChildren());
@@ -416,26 +360,22 @@ TEST(RequestTest, RequestsThatMeetTakeTurns) {
 // themselves once the web server gives up on them; the next write goes through.
 TEST(RequestTest, RequestsThatNobodyWaitsForEndAndPassTheirTurnOn) {
   // Silent from the first read on, long before the write is done.
-  Options silentReads;
-  silentReads.delayCommand = "ls", silentReads.delayMs = 600000;
-  auto silent = std::make_unique<InProcessSimulator>(defaultTree(), fixedSocket(silentReads));
+  std::optional<FixedDaemon> silent(delayed("ls", 600000));
   const std::string write = "write=/configuration/network/hostname&value=";
   Pending stuck(write + "stuck");
-  ASSERT_TRUE(waitUntil([&] { return !silent->transcript().empty(); }, forProgram(Millis(5000))));
-  const std::vector<pid_t> before = children();
+  ASSERT_TRUE(waitUntil([&] { return !silent->transcript().empty(); }, forProgram()));
   Pending queued(write + "queued");
-  const pid_t waiting = newSleeper(before);
-  ASSERT_NE(0, waiting);
+  ASSERT_TRUE(queued.comesToSleep());
   // It waits for its turn before connecting: no daemon connection, no socket.
   for (const auto& fd :
-       std::filesystem::directory_iterator("/proc/" + std::to_string(waiting) + "/fd")) {
+       std::filesystem::directory_iterator("/proc/" + std::to_string(queued.pid) + "/fd")) {
     std::error_code gone;  // a descriptor that an emulator closed meanwhile
     EXPECT_EQ(std::string::npos, std::filesystem::read_symlink(fd, gone).string().find("socket:"));
   }
   EXPECT_EQ(0, queued.giveUp().exitStatus) << "killed";
   EXPECT_EQ(0, stuck.giveUp().exitStatus) << "killed";
   silent.reset();
-  InProcessSimulator sim(defaultTree(), fixedSocket());
+  FixedDaemon sim;
   EXPECT_EQ(written("/configuration/network/hostname", "next"), runCgi({write + "next"}).output);
   EXPECT_TRUE(reapAllChildren());
   EXPECT_EQ("next", sim.savedTree().at("/configuration/network/hostname"));

@@ -18,7 +18,6 @@
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <set>
 #include <sstream>
 #include <thread>
 
@@ -30,25 +29,7 @@ void check(bool ok, const char* what) {
   abort();
 }
 
-// A user id that no process on the machine has: the kernel counts a user's
-// processes machine-wide, so a limit of one process holds for it alone. One
-// per test program (by its pid), so that two running at once do not share it.
-uid_t unusedUid() {
-  std::set<uid_t> used;
-  for (const auto& process : std::filesystem::directory_iterator("/proc")) {
-    std::ifstream status(process.path() / "status");
-    for (std::string word; status >> word;) {
-      if (word != "Uid:") continue;
-      for (uid_t uid; status.peek() != '\n' && status >> uid;) used.insert(uid);
-      break;
-    }
-  }
-  uid_t uid = 2000000000 + static_cast<uid_t>(getpid());
-  while (used.count(uid)) ++uid;
-  return uid;
-}
-
-[[noreturn]] void execCgi(const CgiRequest& request, uid_t alone, int in, int out) {
+[[noreturn]] void execCgi(const CgiRequest& request, int in, int out) {
   dup2(in, 0);
   dup2(out, 1);
   signal(SIGPIPE, SIG_DFL);
@@ -66,6 +47,9 @@ uid_t unusedUid() {
     // An emulated process has a helper thread of the emulator's beside it.
     const rlim_t tasks = std::string(TZR_EMULATOR).empty() ? 1 : 2;
     rlimit limit = {tasks, tasks};
+    // A user of the test program's own, above any real one's: the kernel counts a
+    // user's processes machine-wide, so the limit holds for the program alone.
+    const uid_t alone = 2000000000 + static_cast<uid_t>(getppid());
     check(setrlimit(RLIMIT_NPROC, &limit) == 0 && setgid(alone) == 0 && setuid(alone) == 0,
           "become a user of its own");
 #ifdef __SANITIZE_ADDRESS__
@@ -78,8 +62,6 @@ uid_t unusedUid() {
   for (const auto& [name, value] : variables) env.push_back(name + "=" + value);
   for (std::string& entry : env) envp.push_back(entry.data());
   envp.push_back(nullptr);
-  // A cross build's program runs through the emulator, and it may run under a
-  // checker such as valgrind (TZR_CGI_WRAPPER).
   const char* wrapper = getenv("TZR_CGI_WRAPPER");
   std::istringstream words(std::string(wrapper ? wrapper : "") + " " + TZR_EMULATOR);
   Strings command{std::istream_iterator<std::string>(words), {}};
@@ -128,8 +110,7 @@ bool asleep(pid_t pid) {
 bool reapAllChildren(Millis limit) {
   return waitUntil(
       [] {
-        while (waitpid(-1, nullptr, WNOHANG) > 0) {
-        }
+        while (waitpid(-1, nullptr, WNOHANG) > 0) continue;
         return children().empty();
       },
       forProgram(limit));
@@ -141,13 +122,11 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
   int in[2], out[2];
   check(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0, "pipe");
   CgiResult result;
-  const uid_t alone = request.forkFails ? unusedUid() : 0;
   result.pid = fork();
-  if (result.pid == 0) execCgi(request, alone, in[0], out[1]);
+  if (result.pid == 0) execCgi(request, in[0], out[1]);
   close(in[0]);
   close(out[1]);
-  // Body and reply move together, neither side blocking; a program that
-  // stops reading early must not kill the test.
+  // Body and reply move together, neither blocking; one that stops reading must not kill us.
   signal(SIGPIPE, SIG_IGN);
   fcntl(in[1], F_SETFL, O_NONBLOCK);
   fcntl(out[0], F_SETFL, O_NONBLOCK);
@@ -180,11 +159,6 @@ CgiResult runCgi(const CgiRequest& request, Millis limit) {
   return result;
 }
 
-Options fixedSocket(Options options) {
-  options.socketPath = kApplianceSocket;
-  return options;
-}
-
 SyslogCapture::SyslogCapture() : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
   sockaddr_un address = {AF_UNIX, "/dev/log"};
   unlink(address.sun_path);
@@ -200,13 +174,10 @@ SyslogCapture::~SyslogCapture() {
 Log SyslogCapture::of(pid_t pid, bool others) {
   char buffer[65536];
   for (ssize_t n; (n = recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT)) >= 0;) {
-    const std::string raw(buffer, static_cast<size_t>(n)), ident = "tzr4417.cgi[";
-    // "<PRI>" and a 16-character time stamp "Mmm dd hh:mm:ss " come first.
-    const size_t from = raw.find('>') + 17, end = raw.find("]: ");
-    const bool ours = raw[0] == '<' && end != std::string::npos && from <= raw.size() &&
-                      raw.compare(from, ident.size(), ident) == 0;
-    lines_.push_back({ours ? atoi(&raw[from + ident.size()]) : 0,
-                      {ours ? atoi(&raw[1]) : -1, ours ? raw.substr(end + 3) : raw}});
+    const std::string raw(buffer, static_cast<size_t>(n));
+    int priority = -1, from = 0, text = 0;  // text: past "]:", once all before it matched
+    sscanf(raw.c_str(), "<%d>%*15c tzr4417.cgi[%d]:%n", &priority, &from, &text);
+    lines_.push_back({text ? from : 0, {text ? priority : -1, text ? raw.substr(text + 1) : raw}});
   }
   Log log;
   for (const auto& [from, line] : lines_) {

@@ -1,13 +1,7 @@
-// What the end-to-end tests run the shipped program and its daemon in. ctest
-// starts each such test program in a sandbox of its own (tools/sandbox.py
-// run, as root): its own /tmp, so "/tmp/cffs_uds", the program's fixed
-// socket, is ours alone, its own /dev/log, and as a child subreaper, so
-// detached children come back to it. Started any other way, it stops. The
-// simulator runs in the test's own process.
+// The shipped program and its daemon for the end-to-end tier, which runs only in
+// tools/sandbox.py's namespace (docs/testing.md): /tmp, /dev/log and orphans are ours.
 #ifndef TZR_TESTS_SUPPORT_HARNESS_H_
 #define TZR_TESTS_SUPPORT_HARNESS_H_
-
-#include <utility>
 
 #include "support/sim_daemon.h"
 
@@ -21,12 +15,8 @@ bool reapAllChildren(Millis limit = Millis(5000));
 bool asleep(pid_t pid);
 
 // `limit` for something the program does, longer when a checker runs it.
-Millis forProgram(Millis limit);
+Millis forProgram(Millis limit = Millis(5000));
 
-// One run of the shipped tzr4417.cgi as a web server makes it: a CGI
-// environment, the body on stdin, stdout until every holder lets go of it or
-// the server gives up: it closes stdout, gives the program two seconds to end,
-// then kills it. TZR_CGI_WRAPPER is a command to run it under (memcheck).
 struct CgiResult {
   std::string output;
   int exitStatus = -1;  // unless it exited normally
@@ -39,24 +29,31 @@ struct CgiRequest {
   std::string body = {};  // CONTENT_LENGTH is its size unless `env` sets one
   std::string contentType = "application/x-www-form-urlencoded";
   std::vector<std::pair<std::string, std::string>> env = {};
-  // As a user that no other process is, allowed no second process: fork fails.
-  bool forkFails = false;
-  // Asked, with the output so far, while the program runs.
-  std::function<bool(const CgiResult& sofar)> giveUpWhen = {};
+  bool forkFails = false;  // run as a user of its own allowed one process: fork fails
+  std::function<bool(const CgiResult& sofar)> giveUpWhen = {};  // asked as it runs
 };
 
-// The server gives up when the output has not ended within `limit`.
+// One run of tzr4417.cgi as a web server makes it: stdout read until every holder
+// lets go, or the server gives up (after `limit` or giveUpWhen: closes it, waits
+// two seconds, kills). TZR_CGI_WRAPPER is a command to run it under (memcheck).
 CgiResult runCgi(const CgiRequest& request, Millis limit = Millis(5000));
 
-// `options` (such as a fault) on the program's own socket, "/tmp/cffs_uds":
-// InProcessSimulator sim(tree, fixedSocket(withFault(...))).
-Options fixedSocket(Options options = {});
+// Replies to `command` ("": to every request, and the greeting) held back `ms` milliseconds.
+inline Options delayed(const std::string& command, int ms) {
+  Options options;
+  options.delayCommand = command, options.delayMs = ms;
+  return options;
+}
 
-// (priority, message) pairs, e.g. (LOG_USER | LOG_INFO, "Setting ...").
-using Log = std::vector<std::pair<int, std::string>>;
+// The simulator on the program's own socket, "/tmp/cffs_uds".
+struct FixedDaemon : InProcessSimulator {
+  explicit FixedDaemon(Options options = {}, const ParameterMap& tree = defaultTree())
+      : InProcessSimulator(tree, (options.socketPath = kApplianceSocket, options)) {}
+};
 
-// Binds /dev/log and parses "<PRI>Mmm dd hh:mm:ss tzr4417.cgi[PID]: TEXT"
-// (any other datagram whole, priority -1).
+using Log = std::vector<std::pair<int, std::string>>;  // (priority, message)
+
+// Binds /dev/log; parses "<PRI>Mmm dd hh:mm:ss tzr4417.cgi[PID]: TEXT", others whole (-1).
 class SyslogCapture {
  public:
   SyslogCapture();

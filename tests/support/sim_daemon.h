@@ -1,6 +1,4 @@
-// What the unit tests meet the daemon and the web server through, as any user:
-// the simulator in process, its socket and lock files in a private folder, and
-// a pipe for the reply.
+// The daemon and the web server as the unit tests meet them, as any user.
 #ifndef TZR_TESTS_SUPPORT_SIM_DAEMON_H_
 #define TZR_TESTS_SUPPORT_SIM_DAEMON_H_
 
@@ -22,24 +20,22 @@ using Millis = std::chrono::milliseconds;
 // Checks `done` every millisecond until it holds or `limit` has passed.
 bool waitUntil(const std::function<bool()>& done, Millis limit = Millis(5000));
 
-// The default appliance configuration shipped with the simulator.
-ParameterMap defaultTree();
+ParameterMap defaultTree();  // the appliance's, shipped with the simulator
 
 // Whether another request could have the lock at `path` at once (none without its file).
 bool lockIsFree(const std::string& path);
 
-struct SimDaemon {
+// The simulator with its lock files beside its socket.
+struct SimDaemon : InProcessSimulator {
   explicit SimDaemon(const ParameterMap& tree, const Options& options = {})
-      : sim(tree, options), lock(sim.socketPath() + ".lock"), queue(sim.socketPath() + ".queue") {}
+      : InProcessSimulator(tree, options),
+        lock(socketPath() + ".lock"),
+        queue(socketPath() + ".queue") {}
 
-  // Where a client finds this daemon and its lock; `replyFd` is the reply a
-  // request writes, watched for its reader (-1: nobody to watch).
   DaemonSetup setup(int replyFd = -1) const {
-    return {sim.socketPath().c_str(), lock.c_str(), queue.c_str(), replyFd};
+    return {socketPath().c_str(), lock.c_str(), queue.c_str(), replyFd};
   }
-  Strings transcript(bool reads = true) const { return sim.transcript(reads); }
 
-  InProcessSimulator sim;
   const std::string lock, queue;
 };
 

@@ -29,8 +29,7 @@ TEST(ConfigClientTest, GetTrimsAnswersAndRefusesUnframableNames) {
   EXPECT_EQ((Strings{R"(ls /a\r)", R"(ls /none\r)", R"(ls /b\r)"}), sim.transcript());
 }
 
-// A set goes out in byte order of names, white space in values, an empty
-// value and an empty name included.
+// A set goes out in byte order of names; blanks in values, empty values and names too.
 TEST(ConfigClientTest, PutSendsTheSetInByteOrderOfNames) {
   SimDaemon sim(kTree);
   ConfigClient client(sim.setup());

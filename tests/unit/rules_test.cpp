@@ -1,8 +1,5 @@
-// Each rule, and the one a written name sets off, against the daemon simulator.
-// A row: the stored tree as a delta over the default configuration (which
-// agrees with every rule), the write (entered in the set first, as the write
-// service does), and the entries recorded, std::out_of_range as "thrown". A
-// row may have the daemon reset the connection at the read of one path.
+// Each rule, and the one a written name sets off, against the daemon simulator; the
+// stored tree a delta over the default configuration (which agrees with every rule).
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -30,10 +27,10 @@ std::string net(const std::string& p) { return "/configuration/network/" + p; }
 struct Row {
   const char* what;
   ParameterMap stored;
-  std::pair<std::string, std::string> write;  // none when the name is empty
-  ParameterMap recorded;
-  ParameterMap pending = {};  // as if recorded by an earlier rule of the request
-  std::string resetAt = {};   // the path whose read the daemon resets at
+  std::pair<std::string, std::string> write;  // put in the set first, as the write service does
+  ParameterMap recorded;                      // std::out_of_range as "thrown"
+  ParameterMap pending = {};                  // as if recorded by an earlier rule of the request
+  std::string resetAt = {};                   // the path whose read the daemon resets at
 };
 
 Rule plain(void (*rule)(ConfigClient&, ChangeSet&)) {
@@ -63,7 +60,7 @@ void check(const Rule& rule, const std::vector<Row>& rows, ParameterMap common =
       changes["thrown"] = "out_of_range";
     }
     EXPECT_EQ(changes, expected);
-    EXPECT_EQ(!row.resetAt.empty(), daemon.sim.faulted()) << "reset never planted";
+    EXPECT_EQ(!row.resetAt.empty(), daemon.faulted()) << "reset never planted";
   }
 }
 

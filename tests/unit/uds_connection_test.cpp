@@ -46,11 +46,9 @@ TEST(UdsConnectionTest, ExchangesRequestsAndReplies) {
   }
 }
 
-// Every failure closes the connection for good: later exchanges fail without
-// touching their reply; a daemon gone is an error, never a SIGPIPE. Unattended,
-// a hang-up or a silent daemon fails the exchange too; attended, so does the
-// web server giving up (Abandoned, ending nothing, the lock let go), after a hang-up once the
-// lock is let go.
+// Every failure closes the connection for good, later exchanges failing without
+// touching their reply; a daemon gone is an error, never a SIGPIPE. Unattended, a
+// hang-up or silence fails; attended, the web server giving up does (Abandoned).
 TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
   const std::string messages[] = {
       "Ready",           "UDS open failed", "UDS connect failed",        "UDS write failed",
@@ -116,13 +114,10 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
   }
 }
 
-// A write waits for the reads under way, but the reads that come after it
-// wait for the write (which holds the queue while it waits): a steady stream
-// of reads cannot starve a write. A lock file that is not a regular file of
-// ours is refused at once, never waited on. Each row asks for a request given
-// up on, whose wait ends with ECANCELED instead: it looks whether anybody waits
-// at each signal, every millisecond here, which also ends an open that would
-// wait on a FIFO; after 5 s the other request lets go.
+// Reads after a waiting write wait for it (it holds the queue): reads cannot starve
+// a write. A lock file not a regular file of ours is refused, never waited on. Each
+// row's request is given up on: a wait (an open stuck on a FIFO too) ends with
+// ECANCELED at the next signal, every millisecond here; after 5 s the other lets go.
 TEST(DaemonLockTest, ModesAndTurns) {
   const LockMode none = LockMode::None, shared = LockMode::Shared, exclusive = LockMode::Exclusive;
   const struct {
