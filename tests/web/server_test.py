@@ -12,13 +12,7 @@ CAFILE = {"https": webenv.CERT}.get(SERVER)  # the device certificate is the one
 ask = functools.partial(request, cafile=CAFILE)
 EVERYWHERE = {"X-Content-Type-Options": "nosniff", "Referrer-Policy": "no-referrer"}
 WRITE = f"{PROGRAM}?write=/configuration/network/hostname&value=encoder"
-
-
-def marked(name, value):
-    return {**HEADER, name: value}
-
-
-SITE, HOST_IS, ORIGIN = (functools.partial(marked, name) for name in ("Sec-Fetch-Site", "Host", "Origin"))
+SITE, HOST_IS, ORIGIN = ((lambda v, n=n: {**HEADER, n: v}) for n in ("Sec-Fetch-Site", "Host", "Origin"))
 COOKIE = {"Cookie": "other=2; tzr4417-site=1"}  # the one lighttpd sets, which browsers keep from other sites
 WRONG = ("admin", "wrong")
 BIG = f"read={IP}&x={'x' * 16384}"

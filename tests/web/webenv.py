@@ -15,13 +15,12 @@ TLS, CERT = "/tmp/tls", "/tmp/tls/cert.pem"  # var.tzr4417_tls, and the certific
 
 
 def isolate(*addresses):
-    """A private /tmp; given ADDRESSES, also a network of its own whose loopback holds them."""
+    """A private /tmp, and a network of its own whose loopback holds ADDRESSES."""
     sandbox.enter(keep=[Path(program).parent for program in sys.argv[1:3]])
-    if addresses:
-        if sandbox.LIBC.unshare(0x40000000) != 0:  # CLONE_NEWNET
-            sys.exit("webenv: cannot make a network namespace (run as root)")
-        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
-        list(map(add_address, addresses))
+    if sandbox.LIBC.unshare(0x40000000) != 0:  # CLONE_NEWNET
+        sys.exit("webenv: cannot make a network namespace (run as root)")
+    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+    list(map(add_address, addresses))
     sandbox.install(os.path.abspath(sys.argv[1]))  # the program under test
     Path("/tmp/www/cgi-bin/notes.txt").write_text("not for strangers\n")
 
