@@ -81,6 +81,7 @@ class BrowserTest(unittest.TestCase):
 
     def setUp(self):
         self.sim = webenv.simulator()  # a daemon with the default tree for each test
+        self.addCleanup(self.sim.proc.wait)  # gone before the next test's listens in its place
         self.addCleanup(self.sim.proc.terminate)
         self.login(HOME)
 
