@@ -28,8 +28,7 @@ class InstallTest(unittest.TestCase):
         for folder in ("bin", "sbin", "lib", "lib64"):  # the board: the image's files over this machine's programs
             (ROOTFS / folder).symlink_to("usr/" + folder)
         for folder in ("usr", "dev", "proc", "tmp"):
-            (ROOTFS / folder).mkdir(exist_ok=True)
-            subprocess.run(["mount", "--bind", "/" + folder, ROOTFS / folder], check=True)
+            subprocess.run(["mount", "--mkdir", "--bind", "/" + folder, ROOTFS / folder], check=True)
         cls.sim = webenv.simulator()
 
     def test_each_server_serves_the_console_and_answers_the_examples(self):
