@@ -1,8 +1,7 @@
-"""What only a booted ARM board shows (board/board.sh): lighttpd over HTTPS as INSTALL.md installs it, with the
-device certificate as the one trust anchor, renewed at boot; the daemon restarted by init; the program's lines in the
-board's syslog; the data partition across a reboot and a power cut; today, in 2040 and across 2038-01-19 03:14:07.
-What requests that meet, a daemon that goes away and the console do is the end-to-end and browser tiers' to show.
-argv: CGI SIMULATOR armhf|arm64 (the board builds its own release archive; arm64 runs the first row)."""
+"""What only a booted ARM board shows (board/board.sh; docs/board.md): lighttpd over HTTPS as INSTALL.md installs it,
+with the device certificate as the one trust anchor, renewed at boot; the daemon restarted by init; the program's lines
+in the board's syslog; the data partition across a reboot and a power cut; today, in 2040 and across 2038-01-19
+03:14:07. argv: CGI SIMULATOR armhf|arm64 (the board builds its own release archive; arm64 runs the first row)."""
 import collections, concurrent.futures, contextlib, datetime, os, shutil, ssl, subprocess, sys, time, unittest
 from pathlib import Path
 
@@ -16,8 +15,7 @@ SAVED = "Applied and saved the parameter settings"
 APPLY_DELAY = 3  # seconds the daemon takes to answer apply, where a row slows it
 LAST_32_BIT = 2**31 - 1  # 2038-01-19 03:14:07, the last second a 32-bit time_t holds
 TLS = "/etc/lighttpd/tzr4417/tls"
-# What a request that shows only the appliance's cookie gets: a stranger's budget, whoever sends it.
-STRANGER = {"Cookie": "tzr4417-site=1"}
+STRANGER = {"Cookie": "tzr4417-site=1"}  # the appliance's cookie alone: a stranger's budget, whoever sends it
 
 
 def board(*args, seconds=240, check=True):
@@ -145,22 +143,19 @@ class BoardTest(unittest.TestCase):
         # A login stamped just before the power cut, the clock set back to 2038 first.
         on_board(f"date -u -s @{LAST_32_BIT - 60} >/dev/null")  # lighttpd reads the clock once a second
         self.assertEqual(webenv.poll(lambda: self.ask(READ)[0], (200).__eq__), 200)
-        # Power cut right after that save. What the next mount will find: the journal's replay, and nothing for
-        # e2fsck to repair.
+        # Power cut right after that save: what the next mount finds is the journal's, nothing for e2fsck to repair.
         board("cut")
         shutil.copy(f"{STATE}/data.img", "/tmp/after-cut.img")
         check = subprocess.run(["e2fsck", "-fy", "/tmp/after-cut.img"], capture_output=True, text=True)
         self.assertEqual(check.returncode, 0, check.stdout + check.stderr)
-        # Started before 2038-01-19 03:14:07, when the 2040 certificate is not valid yet; the write's detached
-        # apply and save run across that second.
+        # Started just before 2038's last 32-bit second, the 2040 certificate not yet valid; the apply runs across it.
         certificate = Path(STATE, "cert.pem").read_text()
         self.start("--clock", "2038-01-19T03:13:30")
         self.renewed(certificate)
         self.assertEqual(saved()[IP], "10.40.0.1")
         times = self.a_write("10.38.0.1", "10.38.0.255", at=LAST_32_BIT - 2)
         self.assertEqual([when > LAST_32_BIT for when in times], [False, False, True])
-        # The guard remembered the login across the power cut: strangers' 50 guesses at the account shut out
-        # strangers, not the owner's address.
+        # The guard kept the login across the power cut: 50 strangers' guesses shut out strangers, not the owner.
         self.assertEqual(self.logins(50, "wrong", STRANGER), {401: 50})
         self.assertEqual([self.ask(READ, marks)[0] for marks in (STRANGER, HEADER)], [429, 200])
 

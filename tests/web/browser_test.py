@@ -18,7 +18,8 @@ FOREIGN_TLS = f'ssl.engine = "enable" ssl.pemfile = "{webenv.CERT}" ssl.privkey 
 CONFIG, PORT, TLS = {"http": ("tzr4417.conf", 8081, ""), "https": ("tzr4417-https.conf", 8443, FOREIGN_TLS)}[SCHEME]
 ORIGINS = {"port": f"{SCHEME}://{HOME}:{PORT}", "address": f"{SCHEME}://{ELSEWHERE}:{PORT}"}
 # lighttpd logs what reached it, serves .html as HTML, and the foreign pages on PORT.
-SERVED = ['server.modules += ("mod_accesslog")', 'accesslog.filename = "|exec cat >/tmp/access.log"']
+ACCESS = Path("/tmp/access.log")
+SERVED = ['server.modules += ("mod_accesslog")', f'accesslog.filename = "|exec cat >{ACCESS}"']
 SERVED += ['mimetype.assign = (".html" => "text/html")']
 SERVED += [f'$SERVER["socket"] == ":{PORT}" {{ server.document-root = "/tmp/www/attack" {TLS} }}']
 FORM = '<form %s action="$url"><input name=write value="$name"><input name=value value="$tag"></form>'
@@ -49,9 +50,8 @@ VECTORS = {
 # A foreign name pointed at the appliance (DNS rebinding) is same-origin: it may send any header and a password.
 BASIC = base64.b64encode(":".join(USER).encode()).decode()
 REBIND = '<script>fetch("$path", {headers: {"X-Tzr4417-Console": "1", Authorization: "Basic %s"}})</script>' % BASIC
-# A foreign page sends one window of its own to the program again and again with a wrong password in the address
-# (the browser then offers it for the host): the program's bare address, and a plain read; then it opens the console
-# in 12 windows with a wrong password in theirs.
+# A foreign page sends a window of its own to the program, bare or a read, 100 times with a wrong password in the
+# address (which the browser then offers for the host); then opens 12 consoles with a wrong password in theirs.
 POPUP = """<script>const popup = open("about:blank"); let sent = 0; const next = () => {
   popup.location = "$scheme://admin:wrong" + sent + "@$host$path" + (sent % 2 ? "?read=/probe-" + sent : "");
   if (++sent < 100) return setTimeout(next, 50);
@@ -77,13 +77,11 @@ class BrowserTest(unittest.TestCase):
         list(map(options.add_argument, [*FLAGS, "--ignore-certificate-errors-spki-list=" + spki]))
         options.add_experimental_option("prefs", PREFS)
         cls.driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.driver.quit()
+        cls.addClassCleanup(cls.driver.quit)
 
     def setUp(self):
         self.sim = webenv.simulator()  # a daemon with the default tree for each test
+        self.addCleanup(self.sim.proc.wait)  # gone before the next test's listens in its place
         self.addCleanup(self.sim.proc.terminate)
         self.login(HOME)
 
@@ -105,9 +103,8 @@ class BrowserTest(unittest.TestCase):
 
     def write(self, name, value):
         """A write from the console's form; its message."""
-        script = "document.getElementById('write-name').value = arguments[0];"
-        script += "document.getElementById('write-value').value = arguments[1];"
-        self.driver.execute_script(script + "document.querySelector('#write-form button').click()", name, value)
+        fill = "['write-name', 'write-value'].forEach((id, i) => (document.getElementById(id).value = arguments[i]));"
+        self.driver.execute_script(fill + "document.querySelector('#write-form button').click()", name, value)
         return self.settle()
 
     def test_console_reads_and_writes_and_follows_the_address(self):
@@ -152,9 +149,8 @@ class BrowserTest(unittest.TestCase):
         page = Template(POPUP).substitute(scheme=SCHEME, host=HOME, path=PROGRAM)
         Path("/tmp/www/attack/popup.html").write_text(page)
         self.driver.get(ORIGINS["address"] + "/popup.html")
-        log = lambda: Path("/tmp/access.log").read_text()  # noqa: E731
-        self.assertIn("probe-99", webenv.poll(log, lambda text: "probe-99" in text, 30))
-        self.assertEqual(webenv.poll(lambda: log().count("POST /cgi-bin/"), (12).__le__, 30), 12)  # consoles' reads
+        self.assertIn("probe-99", webenv.poll(ACCESS.read_text, lambda text: "probe-99" in text, 30))
+        self.assertEqual(webenv.poll(lambda: ACCESS.read_text().count("POST /cgi-bin/"), (12).__le__, 30), 12)
         self.driver.switch_to.window(self.driver.window_handles[0])
         self.assertEqual(webenv.refused(), 0)
         self.driver.get(f"{SCHEME}://{HOME}/console/")
@@ -170,7 +166,7 @@ class BrowserTest(unittest.TestCase):
         main, seen, framed = self.driver.current_window_handle, {}, []
 
         def log(tag):
-            return re.findall(rf'"(\w+) [^ "]*value={tag}\b[^"]*" (\d+)', Path("/tmp/access.log").read_text())
+            return re.findall(rf'"(\w+) [^ "]*value={tag}\b[^"]*" (\d+)', ACCESS.read_text())
 
         for number, (name, url, page) in enumerate(pages):
             tag, target = f"foreign-{number}", f"{PROGRAM}?write={NET}hostname&value=foreign-{number}"

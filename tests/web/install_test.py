@@ -28,8 +28,7 @@ class InstallTest(unittest.TestCase):
         for folder in ("bin", "sbin", "lib", "lib64"):  # the board: the image's files over this machine's programs
             (ROOTFS / folder).symlink_to("usr/" + folder)
         for folder in ("usr", "dev", "proc", "tmp"):
-            (ROOTFS / folder).mkdir(exist_ok=True)
-            subprocess.run(["mount", "--bind", "/" + folder, ROOTFS / folder], check=True)
+            subprocess.run(["mount", "--mkdir", "--bind", "/" + folder, ROOTFS / folder], check=True)
         cls.sim = webenv.simulator()
 
     def test_each_server_serves_the_console_and_answers_the_examples(self):
@@ -45,14 +44,13 @@ class InstallTest(unittest.TestCase):
         subprocess.run([*due, "-out", TLS / "cert.pem"], check=True, capture_output=True)
         on_board(f"{certificate} && openssl x509 -noout -checkend 300000000 -in /etc/lighttpd/tzr4417/tls/cert.pem")
         # lighttpd over HTTPS (its redirect on port 80 is the server tier's), busybox httpd over plain HTTP.
-        for name, port, cafile in ("lighttpd", 443, TLS / "cert.pem"), ("busybox", 80, None):
+        for name, scheme, port, cafile in ("lighttpd", "https", 443, TLS / "cert.pem"), ("busybox", "http", 80, None):
             with self.subTest(name):
                 server = webenv.sandbox.serve(["chroot", ROOTFS, "/bin/sh", "-c", "exec " + self.board[name]], 80)
                 try:
                     for example, answer in self.examples:
                         example = example.replace("BOARD", BOARD).replace("-u admin", "-u " + ":".join(USER))
-                        example = example.replace("encoder.pem", str(cafile))
-                        example = example if cafile else example.replace("https:", "http:")
+                        example = example.replace("encoder.pem", str(cafile)).replace("https:", scheme + ":")
                         shown = subprocess.run(example, shell=True, capture_output=True, text=True).stdout
                         self.assertEqual(shown, answer + "\n")
                     status, headers, page = request(port, "/console/", user=None, cafile=cafile)

@@ -1,6 +1,6 @@
 """tzr4417.cgi behind a real web server with the shipped configuration.
 argv: CGI SIMULATOR lighttpd|https|busybox (https: lighttpd's HTTPS snippet, on 443, its redirect on 80)"""
-import base64, collections, concurrent.futures, contextlib, functools, os, re, resource, signal, socket, subprocess
+import base64, collections, concurrent.futures, contextlib, functools, os, resource, socket, subprocess
 import sys, threading, time, unittest
 from pathlib import Path
 
@@ -12,13 +12,7 @@ CAFILE = {"https": webenv.CERT}.get(SERVER)  # the device certificate is the one
 ask = functools.partial(request, cafile=CAFILE)
 EVERYWHERE = {"X-Content-Type-Options": "nosniff", "Referrer-Policy": "no-referrer"}
 WRITE = f"{PROGRAM}?write=/configuration/network/hostname&value=encoder"
-
-
-def marked(name, value):
-    return {**HEADER, name: value}
-
-
-SITE, HOST_IS, ORIGIN = (functools.partial(marked, name) for name in ("Sec-Fetch-Site", "Host", "Origin"))
+SITE, HOST_IS, ORIGIN = ((lambda v, n=n: {**HEADER, n: v}) for n in ("Sec-Fetch-Site", "Host", "Origin"))
 COOKIE = {"Cookie": "other=2; tzr4417-site=1"}  # the one lighttpd sets, which browsers keep from other sites
 WRONG = ("admin", "wrong")
 BIG = f"read={IP}&x={'x' * 16384}"
@@ -32,9 +26,8 @@ BIG_HEADER = {"X-Padding": "x" * 9000}
 EARLY = [("POST", BIG, {}, 413), ("GET", "", BIG_HEADER, 431), ("GET", "", {"Transfer-Encoding": "gzip"}, 501)]
 OWN = ("https" if CAFILE else "http") + "://127.0.0.1"  # the Origin of the console's own page
 # fmt: off
-# busybox httpd has no header rules and no size limit: its column shows what gets through. The program's own guard
-# ends the oversized request there, and the connection closes with no bytes (None). A target may start with its method.
-# What a foreign page may send is refused before any password is checked: with a wrong one, 403, not 401.
+# busybox httpd has no header rules or size limit: its column shows what gets through (None: closed with no bytes by
+# the program's own guard). What a foreign page may send is refused before any password check: 403, not 401.
 CASES = [
     # name,                   target,               headers,                   body,         user,    lighttpd, busybox
     ("read",                  READ,                 HEADER,                    None,         USER,    200, 200),
@@ -64,15 +57,14 @@ CASES = [
     ("preflight",             "OPTIONS " + WRITE,   HEADER,                    None,         WRONG,   403, 401),
     ("PUT",                   "PUT " + WRITE,       HEADER,                    None,         USER,    403, 200),
     ("HEAD",                  "HEAD " + READ,       HEADER,                    None,         USER,    403, 200),
-    ("other file in cgi-bin", "/cgi-bin/notes.txt", {},                        None,         USER,    403, "-"),
+    ("other file in cgi-bin", "/cgi-bin/notes.txt", {},                        None,         USER,    403, 404),
     ("body over 16 KB",       PROGRAM,              HEADER,                    BIG,          USER,    413, None),
     ("a malformed Authorization", READ, {**HEADER, "Authorization": "Basic " + "x" * 999}, None, None, 400, 401),
     ("console page",          "/console/",          {},                        None,         None,    200, 200),
 ]
 
-# Guessing at the password, each step's tries at once (200 connections), from addresses of the test's own
-# network: how many tries got each status. A user None guesses at a name of its own per try; a password that is
-# a dict of headers sends those in place of the console's, and a wrong password. Strings are events between steps.
+# Guessing at the password, each step's tries at once from the test's own addresses: how many got each status. User
+# None: a new name a try; a dict for a password: those headers, not the console's, and a wrong one. Strings: events.
 GUESSES = [
     # name,                                           from,            tries, user,    password, status
     ("the owner logs in, over IPv4 and IPv6",         [OWNER, V6_OWNER], 1,   "admin", "s3cret", {200: 2}),
@@ -135,9 +127,8 @@ class ServerTest(unittest.TestCase):
         for name, target, headers, body, user, *expected in CASES:
             want = expected[SERVER == "busybox"]
             with self.subTest(name):
-                if want == "-":
-                    continue
                 method, _, target = target.rpartition(" ")
+                console = target == "/console/"
                 before = self.sim.connections()
                 status, got, reply = ask(self.port, target, headers, body and body.encode(), user, method)
                 self.assertEqual(status, want, reply)
@@ -145,12 +136,11 @@ class ServerTest(unittest.TestCase):
                     self.assertEqual({name: got[name] for name in EVERYWHERE}, EVERYWHERE)
                     self.assertEqual(got["Strict-Transport-Security"], CAFILE and "max-age=31536000")
                 if status == 200 and SERVER != "busybox":  # neither the console nor a reply may be framed
-                    policy = "default-src 'none'; script-src 'self'" if target == "/console/" else "default-src"
-                    shown = (got["X-Frame-Options"], got["Content-Security-Policy"][: len(policy)])
-                    self.assertEqual(shown, ("DENY", policy))
-                    self.assertTrue(got["Content-Security-Policy"].endswith("frame-ancestors 'none'"))
-                    self.assertEqual(got["Cache-Control"], None if target == "/console/" else "no-store")
-                if target == "/console/":
+                    policy = "default-src 'none'; " + ("script-src 'self'; .*; " if console else "")
+                    self.assertRegex(got["Content-Security-Policy"], f"^{policy}frame-ancestors 'none'$")
+                    shown = (got["X-Frame-Options"], got["Cache-Control"])
+                    self.assertEqual(shown, ("DENY", None if console else "no-store"))
+                if console:
                     self.assertRegex(got["Content-Type"], "^text/html")
                 else:
                     self.assertEqual(self.sim.connections() > before, status == 200, "daemon contacted?")
@@ -161,8 +151,7 @@ class ServerTest(unittest.TestCase):
             secret = password if isinstance(password, str) else "wrong"
             basic = ("Basic ", "BASIC ")[i % 2] + base64.b64encode(f"{user}:{secret}".encode()).decode()
             marks = {**(password if isinstance(password, dict) else HEADER), "Authorization": basic}
-            # Under qemu-user 400 runs of the program at once take their time.
-            status, got, _ = ask(self.port, READ, marks, None, None, source=source, timeout=60)
+            status, got, _ = ask(self.port, READ, marks, None, None, source=source, timeout=60)  # slow under qemu-user
             self.assertTrue(status != 429 or 0 < int(got["Retry-After"]) <= WINDOW, got)
             for method, body, headers, early in password if isinstance(password, list) else ():
                 sent = {**HEADER, **headers, "Authorization": basic}
@@ -186,22 +175,6 @@ class ServerTest(unittest.TestCase):
                     self.assertEqual(webenv.refused() - checks, got[401])  # each 401 a check, and nothing else
                     self.assertEqual(self.sim.connections() > before, 200 in got, "daemon contacted?")
         webenv.users()
-
-    @unittest.skipIf(SERVER == "busybox", "busybox httpd keeps nothing")
-    def test_an_outsider_cannot_fill_the_servers_memory(self):
-        def rss():
-            return int(re.search(r"VmRSS:\s*(\d+)", Path(f"/proc/{self.server.pid}/status").read_text())[1])
-
-        before = rss()
-        url = f"{'https' if CAFILE else 'http'}://127.0.0.1:{self.port}{READ}"
-        script = Path(__file__).with_name("new_names.lua")  # 100,000 new names from one address
-        wrk = subprocess.Popen(["wrk", "-t1", "-c20", "-d300s", "-s", script, url], stdout=subprocess.PIPE, text=True)
-        webenv.poll(Path("/tmp/wrk.done").exists, bool, 240)
-        wrk.send_signal(signal.SIGINT)
-        self.assertRegex(wrk.communicate()[0], r"\b1000\d\d requests in")
-        grown = rss() - before
-        print(f"lighttpd grew by {grown} kB over 100,000 requests", file=sys.stderr)
-        self.assertLess(grown, 5 * 1024)
 
     @unittest.skipIf(SERVER == "busybox", "the same firewall, whichever server")
     def test_one_address_cannot_hold_every_connection(self):

@@ -15,13 +15,12 @@ TLS, CERT = "/tmp/tls", "/tmp/tls/cert.pem"  # var.tzr4417_tls, and the certific
 
 
 def isolate(*addresses):
-    """A private /tmp; given ADDRESSES, also a network of its own whose loopback holds them."""
+    """A private /tmp, and a network of its own whose loopback holds ADDRESSES."""
     sandbox.enter(keep=[Path(program).parent for program in sys.argv[1:3]])
-    if addresses:
-        if sandbox.LIBC.unshare(0x40000000) != 0:  # CLONE_NEWNET
-            sys.exit("webenv: cannot make a network namespace (run as root)")
-        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
-        list(map(add_address, addresses))
+    if sandbox.LIBC.unshare(0x40000000) != 0:  # CLONE_NEWNET
+        sys.exit("webenv: cannot make a network namespace (run as root)")
+    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+    list(map(add_address, addresses))
     sandbox.install(os.path.abspath(sys.argv[1]))  # the program under test
     Path("/tmp/www/cgi-bin/notes.txt").write_text("not for strangers\n")
 
@@ -57,15 +56,13 @@ def refused():
 
 
 def request(port, target, headers=None, body=None, user=USER, method=None, cafile=None, source=None, timeout=5):
-    """One request, over HTTPS if CAFILE (the one trusted), from address SOURCE if given: (status, or None if
-    closed with no bytes; headers; body)."""
+    """A request, over HTTPS trusting CAFILE, from SOURCE: (status, None if closed with no bytes; headers; body)."""
     auth = {"Authorization": "Basic " + base64.b64encode(":".join(user).encode()).decode()} if user else {}
     form = {"Content-Type": "application/x-www-form-urlencoded"} if body else {}
     where = {"timeout": timeout, "source_address": source and (source, 0)}
-    context = cafile and ssl.create_default_context(cafile=cafile)
-    if context:  # whatever its dates: a board's clock can be years from this machine's, and the board checks them
-        context.verify_flags |= 0x200000  # OpenSSL's X509_V_FLAG_NO_CHECK_TIME
-        where["context"] = context
+    if cafile:  # whatever its dates: a board's clock can be years from this machine's, and the board checks them
+        where["context"] = ssl.create_default_context(cafile=cafile)
+        where["context"].verify_flags |= 0x200000  # OpenSSL's X509_V_FLAG_NO_CHECK_TIME
     host = "::1" if source and ":" in source else "127.0.0.1"
     connection = (http.client.HTTPSConnection if cafile else http.client.HTTPConnection)(host, port, **where)
     try:

@@ -24,7 +24,7 @@ end
 
 response = function()
   answered = answered + 1
-  if answered == 100000 then -- wrk runs on for its whole -d: the test ends it once this file is there
+  if answered == 100000 then -- wrk runs on for its whole -d: bench/new_names.py ends it once this file is there
     io.open("/tmp/wrk.done", "w"):close()
     wrk.thread:stop()
   end
