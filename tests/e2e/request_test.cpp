@@ -61,8 +61,8 @@ void check(const Row& row, bool write) {
   SyslogCapture log;
   if (row.lockFiles) std::remove(kLock), std::remove(kQueue), row.lockFiles();
   {
-    std::optional<FixedDaemon> sim;
-    if (row.daemon) sim.emplace(*row.daemon, tree);
+    std::optional<InProcessSimulator> sim;
+    if (row.daemon) sim.emplace(tree, fixedSocket(*row.daemon));
     CgiResult result = runCgi(row.request);
     EXPECT_EQ(row.exitStatus, result.exitStatus);
     EXPECT_EQ(row.output, result.output);
@@ -271,23 +271,20 @@ TEST(RequestTest, TheDaemonGoesAwayDuringAWrite) {
   const std::string query = "write=/configuration/network/ip_addr&value=10.0.0.5";
   const std::string reply = written("/configuration/network/ip_addr", "10.0.0.5");
   const std::string sleeping = "", lastPut = "put /configuration/network/ip_addr";
+  // clang-format off
   const struct {
     Fault fault;
     std::string at, output;  // `sleeping`: it waits until the web server gives up
   } rows[] = {{Fault::HangUpAfterGreeting, "", kRefused},
-              {Fault::Reset, "ls ", kRefused},
-              {Fault::HangUp, "ls ", sleeping},
-              {Fault::Reset, "put ", kRefused},
-              {Fault::HangUp, "put ", sleeping},
-              {Fault::Reset, lastPut, kRefused},
-              {Fault::HangUp, lastPut, sleeping},
-              {Fault::Reset, "apply", reply},
-              {Fault::HangUp, "apply", reply},
-              {Fault::Reset, "save", reply},
-              {Fault::HangUp, "save", reply}};
+              {Fault::Reset, "ls ", kRefused},   {Fault::HangUp, "ls ", sleeping},
+              {Fault::Reset, "put ", kRefused},  {Fault::HangUp, "put ", sleeping},
+              {Fault::Reset, lastPut, kRefused}, {Fault::HangUp, lastPut, sleeping},
+              {Fault::Reset, "apply", reply},    {Fault::HangUp, "apply", reply},
+              {Fault::Reset, "save", reply},     {Fault::HangUp, "save", reply}};
+  // clang-format on
   for (const auto& row : rows) {
     SCOPED_TRACE(row.at + (row.fault == Fault::Reset ? " reset" : " hang-up"));
-    FixedDaemon sim(withFault(row.fault, row.at));
+    InProcessSimulator sim(defaultTree(), fixedSocket(withFault(row.fault, row.at)));
     const bool waits = row.output == sleeping;
     Pending request(query);
     EXPECT_TRUE(!waits || request.comesToSleep()) << "never asleep";
@@ -299,7 +296,7 @@ TEST(RequestTest, TheDaemonGoesAwayDuringAWrite) {
   }
   // A daemon that does not answer apply: the child waits asleep, in a session
   // of its own, the web server's streams and the lock let go.
-  FixedDaemon sim(delayed("apply", 60000));
+  InProcessSimulator sim(defaultTree(), fixedSocket(delayed("apply", 60000)));
   EXPECT_EQ(reply, runCgi({query}).output);
   std::vector<pid_t> left;  // the request was reaped: the child alone
   const auto alone = [&] { return (left = children()).size() == 1 && asleep(left[0]); };
@@ -333,14 +330,14 @@ TEST(RequestTest, RequestsThatMeetTakeTurns) {
     Strings alone;
     ParameterMap saved;
     {
-      FixedDaemon sim;
+      InProcessSimulator sim(defaultTree(), fixedSocket());
       for (const std::string& query : {row.first, row.second}) {
         alone.push_back(runCgi({query}).output);
         ASSERT_TRUE(reapAllChildren());
       }
       saved = sim.savedTree();
     }
-    FixedDaemon sim(row.daemon);
+    InProcessSimulator sim(defaultTree(), fixedSocket(row.daemon));
     Pending first(row.first);
     const auto seen = [&] {
       const Strings sent = sim.transcript();
@@ -360,7 +357,8 @@ TEST(RequestTest, RequestsThatMeetTakeTurns) {
 // themselves once the web server gives up on them; the next write goes through.
 TEST(RequestTest, RequestsThatNobodyWaitsForEndAndPassTheirTurnOn) {
   // Silent from the first read on, long before the write is done.
-  std::optional<FixedDaemon> silent(delayed("ls", 600000));
+  std::optional<InProcessSimulator> silent(std::in_place, defaultTree(),
+                                           fixedSocket(delayed("ls", 600000)));
   const std::string write = "write=/configuration/network/hostname&value=";
   Pending stuck(write + "stuck");
   ASSERT_TRUE(waitUntil([&] { return !silent->transcript().empty(); }, forProgram()));
@@ -375,7 +373,7 @@ TEST(RequestTest, RequestsThatNobodyWaitsForEndAndPassTheirTurnOn) {
   EXPECT_EQ(0, queued.giveUp().exitStatus) << "killed";
   EXPECT_EQ(0, stuck.giveUp().exitStatus) << "killed";
   silent.reset();
-  FixedDaemon sim;
+  InProcessSimulator sim(defaultTree(), fixedSocket());
   EXPECT_EQ(written("/configuration/network/hostname", "next"), runCgi({write + "next"}).output);
   EXPECT_TRUE(reapAllChildren());
   EXPECT_EQ("next", sim.savedTree().at("/configuration/network/hostname"));

@@ -45,11 +45,11 @@ inline Options delayed(const std::string& command, int ms) {
   return options;
 }
 
-// The simulator on the program's own socket, "/tmp/cffs_uds".
-struct FixedDaemon : InProcessSimulator {
-  explicit FixedDaemon(Options options = {}, const ParameterMap& tree = defaultTree())
-      : InProcessSimulator(tree, (options.socketPath = kApplianceSocket, options)) {}
-};
+// `options` on the program's own socket, "/tmp/cffs_uds".
+inline Options fixedSocket(Options options = {}) {
+  options.socketPath = kApplianceSocket;
+  return options;
+}
 
 using Log = std::vector<std::pair<int, std::string>>;  // (priority, message)
 

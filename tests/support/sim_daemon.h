@@ -26,16 +26,16 @@ ParameterMap defaultTree();  // the appliance's, shipped with the simulator
 bool lockIsFree(const std::string& path);
 
 // The simulator with its lock files beside its socket.
-struct SimDaemon : InProcessSimulator {
+struct SimDaemon {
   explicit SimDaemon(const ParameterMap& tree, const Options& options = {})
-      : InProcessSimulator(tree, options),
-        lock(socketPath() + ".lock"),
-        queue(socketPath() + ".queue") {}
+      : sim(tree, options), lock(sim.socketPath() + ".lock"), queue(sim.socketPath() + ".queue") {}
 
   DaemonSetup setup(int replyFd = -1) const {
-    return {socketPath().c_str(), lock.c_str(), queue.c_str(), replyFd};
+    return {sim.socketPath().c_str(), lock.c_str(), queue.c_str(), replyFd};
   }
+  Strings transcript() const { return sim.transcript(); }
 
+  InProcessSimulator sim;
   const std::string lock, queue;
 };
 

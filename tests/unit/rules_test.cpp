@@ -60,7 +60,7 @@ void check(const Rule& rule, const std::vector<Row>& rows, ParameterMap common =
       changes["thrown"] = "out_of_range";
     }
     EXPECT_EQ(changes, expected);
-    EXPECT_EQ(!row.resetAt.empty(), daemon.faulted()) << "reset never planted";
+    EXPECT_EQ(!row.resetAt.empty(), daemon.sim.faulted()) << "reset never planted";
   }
 }
 
