@@ -44,6 +44,13 @@ Options withFault(Fault fault, std::string at) {
   return options;
 }
 
+Options delayed(std::string command, int ms) {
+  Options options;
+  options.delayCommand = std::move(command);
+  options.delayMs = ms;
+  return options;
+}
+
 ParseResult parseOptions(const std::vector<std::string>& args, Options& options,
                          std::string& error) {
   for (size_t i = 0; i < args.size(); ++i) {

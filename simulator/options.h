@@ -61,6 +61,9 @@ struct Options {
 // Options with nothing but `fault` planted at the first request that begins
 // with `at`.
 Options withFault(Fault fault, std::string at = "");
+// Options with nothing but the replies to `command` ("": to every request,
+// and the greeting) held back `ms` milliseconds.
+Options delayed(std::string command, int ms);
 
 enum class ParseResult { Run, Help, Error };
 

@@ -38,13 +38,6 @@ struct CgiRequest {
 // two seconds, kills). TZR_CGI_WRAPPER is a command to run it under (memcheck).
 CgiResult runCgi(const CgiRequest& request, Millis limit = Millis(5000));
 
-// Replies to `command` ("": to every request, and the greeting) held back `ms` milliseconds.
-inline Options delayed(const std::string& command, int ms) {
-  Options options;
-  options.delayCommand = command, options.delayMs = ms;
-  return options;
-}
-
 // `options` on the program's own socket, "/tmp/cffs_uds".
 inline Options fixedSocket(Options options = {}) {
   options.socketPath = kApplianceSocket;

@@ -56,8 +56,8 @@ TEST(UdsConnectionTest, FailuresCloseTheConnectionForGood) {
   signal(SIGPIPE, SIG_DFL);
   rlimit limit;
   getrlimit(RLIMIT_NOFILE, &limit);
-  Options silent, notListening;
-  silent.delayCommand = "ls", silent.delayMs = 5000;
+  const Options silent = delayed("ls", 5000);
+  Options notListening;
   notListening.noListen = true;
   const Options hangUp = withFault(Fault::HangUp);
   const struct {
